@@ -1,0 +1,33 @@
+# One library for each room, which links only the rooms that it may look at. A room's headers are found through its
+# target alone, so an arrow that is not listed does not build.
+
+add_library(corvale_flags INTERFACE)
+target_compile_options(corvale_flags INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wnon-virtual-dtor -Woverloaded-virtual -Wnull-dereference
+  -Wformat=2 -Wundef)
+target_compile_definitions(corvale_flags INTERFACE
+  QT_NO_CAST_FROM_ASCII QT_NO_CAST_TO_ASCII QT_NO_FOREACH QT_STRICT_ITERATORS
+  QT_DISABLE_DEPRECATED_BEFORE=0x060400)
+if(CORVALE_WERROR)
+  target_compile_options(corvale_flags INTERFACE -Werror)
+endif()
+if(CORVALE_SANITIZE)
+  # gcc's flow analysis sees paths through the sanitizers' own code and warns about them.
+  target_compile_options(corvale_flags INTERFACE
+    -fsanitize=${CORVALE_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all
+    -Wno-null-dereference -Wno-maybe-uninitialized -Wno-tsan)
+  target_link_options(corvale_flags INTERFACE -fsanitize=${CORVALE_SANITIZE})
+else()
+  target_compile_options(corvale_flags INTERFACE
+    $<$<CONFIG:RelWithDebInfo,Release>:-D_FORTIFY_SOURCE=2> -fstack-protector-strong)
+  target_link_options(corvale_flags INTERFACE -Wl,-z,relro,-z,now -Wl,--as-needed)
+endif()
+
+# corvale_room(NAME SOURCES file... SEES target... USES target...)
+# SEES is handed on to whoever looks at this room (its headers name those types); USES stays inside.
+function(corvale_room name)
+  cmake_parse_arguments(room "" "" "SOURCES;SEES;USES" ${ARGN})
+  add_library(corvale_${name} STATIC ${room_SOURCES})
+  target_include_directories(corvale_${name} PUBLIC "${CMAKE_CURRENT_SOURCE_DIR}")
+  target_link_libraries(corvale_${name} PUBLIC ${room_SEES} PRIVATE corvale_flags ${room_USES})
+endfunction()

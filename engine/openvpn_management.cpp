@@ -1,0 +1,79 @@
+#include "openvpn_management.h"
+
+#include "background_queue.h"
+#include "management_lines.h"
+#include "openvpn_service.h"
+#include "standard_output.h"
+
+#include <QString>
+
+using namespace std::chrono_literals;
+
+namespace {
+
+constexpr char address[] = "127.0.0.1";
+constexpr quint16 port = 1337;
+constexpr int readSize = 2048;
+constexpr auto pauseAfterRead = 100ms;
+
+} // namespace
+
+OpenVPNManagement::OpenVPNManagement() : socket(address, port) {}
+
+void OpenVPNManagement::startReading()
+{
+    if (!reading_.test_and_set())
+        BackgroundQueue::async([this] { readLoop(); });
+}
+
+void OpenVPNManagement::sendCommand(const QByteArray &command)
+{
+    const auto error = socket.send(command);
+    StandardOutput::writeLine(error ? command + ' ' + error->text().toUtf8() : command);
+}
+
+void OpenVPNManagement::readLoop()
+{
+    QByteArray buffer;
+    quint64 connection = 0;
+    do {
+        const TCPClient::Chunk chunk = socket.read(readSize);
+        // Half a line of an earlier OpenVPN must not become the beginning of the next one's first line.
+        if (chunk.connection != connection)
+            buffer.clear();
+        connection = chunk.connection;
+        if (!chunk.bytes.isEmpty() && chunk.bytes.isValidUtf8())
+            buffer = processBuffer(buffer + chunk.bytes);
+    } while (BackgroundQueue::pause(pauseAfterRead));
+}
+
+QByteArray OpenVPNManagement::processBuffer(const QByteArray &buffer)
+{
+    QByteArrayView left = buffer;
+    while (const auto line = ManagementLines::takeLine(left))
+        parseLine(*line);
+    return left.size() == buffer.size() ? buffer : left.toByteArray();
+}
+
+void OpenVPNManagement::parseLine(QByteArrayView line)
+{
+    using Kind = ManagementLines::Action::Kind;
+    const auto action = ManagementLines::actionFor(line);
+    switch (action.kind) {
+    case Kind::None: break;
+    case Kind::Print: StandardOutput::writeLine(action.text); break;
+    case Kind::PrintUnknownCommand:
+        StandardOutput::writeLine("MGMT: Got unrecognized command" + action.text.toByteArray());
+        break;
+    case Kind::PrintUnknownLine:
+        StandardOutput::writeLine("MGMT: Got unrecognized line from managment" + action.text.toByteArray());
+        break;
+    case Kind::State: handleState(action.text); break;
+    }
+}
+
+void OpenVPNManagement::handleState(QByteArrayView rest)
+{
+    if (const auto name = ManagementLines::stateName(rest))
+        OpenVPNService::shared().updateState(QString::fromUtf8(*name));
+}

@@ -1,0 +1,42 @@
+#pragma once
+
+#include "tcp_client.h"
+
+#include <QByteArray>
+
+#include <atomic>
+
+/// The client end of OpenVPN's management interface, 127.0.0.1 port 1337. Owned by the tunnel service for the life of
+/// the process: the reader refers to it without end.
+class OpenVPNManagement {
+public:
+    OpenVPNManagement();
+    OpenVPNManagement(const OpenVPNManagement &) = delete;
+    OpenVPNManagement &operator=(const OpenVPNManagement &) = delete;
+
+    /// The connection. The tunnel service connects it; a later connect replaces an earlier one under the reader.
+    TCPClient socket;
+
+    /// Starts the one reader, on the background queue, and returns at once. Any thread. Later calls do nothing: the
+    /// reader serves every later connection too, and starts each with an empty buffer.
+    void startReading();
+
+    /// Sends `command` unchanged (the caller ends it with LF) and echoes it, and the error where there is one, to
+    /// standard output in one write. Any thread; blocks as `TCPClient::send` does. The caller is not told of failures.
+    void sendCommand(const QByteArray &command);
+
+    /// Dispatches every complete line of `buffer`, in order, on the caller's thread, and returns what is left over.
+    static QByteArray processBuffer(const QByteArray &buffer);
+
+    /// Acts on one complete line (without CR LF): a state goes to `handleState`, the rest at most to standard output.
+    /// Never fails. Called on the reader's thread.
+    static void parseLine(QByteArrayView line);
+
+    /// Acts on the rest of a STATE notification: hands the state name to the tunnel service; without one, nothing.
+    static void handleState(QByteArrayView rest);
+
+private:
+    void readLoop();
+
+    std::atomic_flag reading_;
+};

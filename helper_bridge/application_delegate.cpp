@@ -1,0 +1,3 @@
+#include "application_delegate.h"
+
+#include "helper_connection.h"

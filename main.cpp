@@ -1,0 +1,6 @@
+#include "application_main.h"
+
+int main(int argc, char *argv[])
+{
+    return applicationMain(argc, argv);
+}

@@ -1,0 +1,27 @@
+#!/bin/sh
+# Installs the packages named in the list that are missing. Asks nothing and does nothing when all are there.
+# usage: install-packages.sh LIST
+set -eu
+
+list=$1
+wanted=$(sed 's/#.*//' "$list")
+missing=
+for package in $wanted; do
+    status=$(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null) || status=
+    [ "$status" = installed ] || missing="$missing $package"
+done
+[ -n "$missing" ] || exit 0
+
+as_root=
+if [ "$(id -u)" -ne 0 ]; then
+    command -v sudo >/dev/null || {
+        echo "These packages are missing, and installing them needs root:$missing" >&2
+        exit 1
+    }
+    as_root=sudo
+fi
+echo "Installing:$missing"
+export DEBIAN_FRONTEND=noninteractive
+$as_root apt-get update -qq
+# shellcheck disable=SC2086 # a list of words is what is wanted
+$as_root apt-get install -y -qq --no-install-recommends $missing

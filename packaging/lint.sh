@@ -1,0 +1,28 @@
+#!/bin/sh
+# Format, static analysis and shell checks over everything that git knows or does not ignore.
+set -eu
+cd "$(dirname "$0")/.."
+
+files() { git ls-files --cached --others --exclude-standard -- "$@" | while read -r f; do [ ! -f "$f" ] || echo "$f"; done; }
+
+files '*.cpp' '*.h' | xargs clang-format --dry-run --Werror
+echo "clang-format: clean"
+
+files '*.sh' .ci/run resources/client.up resources/client.down | xargs shellcheck
+echo "shellcheck: clean"
+
+# A room is reached through its target, never by a path.
+if files '*.cpp' '*.h' | xargs grep -nE '#include "\.\./'; then
+    echo "An include leaves its room by a path." >&2
+    exit 1
+fi
+
+files '*.cpp' ':!tests' ':!fuzz' ':!bench' |
+    xargs -P "$(nproc)" -n 1 clang-tidy --quiet -p build 2>&1 |
+    { grep -vE '^[0-9]+ warnings? generated|^Suppressed|^Use -header-filter' || true; } |
+    tee build/clang-tidy.txt
+if [ -s build/clang-tidy.txt ]; then
+    echo "clang-tidy found the above." >&2
+    exit 1
+fi
+echo "clang-tidy: clean"
