@@ -1,0 +1,230 @@
+#include "openvpn_service.h"
+
+#include "tcp_peer.h"
+#include "wait_for.h"
+
+#include <QSignalSpy>
+
+#include <atomic>
+#include <gmock/gmock.h>
+
+using namespace Qt::StringLiterals;
+using namespace std::chrono_literals;
+
+namespace {
+
+constexpr quint16 managementPort = 1337;
+
+const QByteArray openingCommands = "state on\nbytecount 1\nlog on\nusername 'Auth' ana\npassword 'Auth' x y's\\\n";
+
+OpenVPNService &preparedService()
+{
+    auto &service = OpenVPNService::shared();
+    service.config = u"/tmp/corvale.ovpn"_s;
+    service.username = u"ana"_s;
+    service.password = u"x y's\\"_s;
+    return service;
+}
+
+/// Everything that the process writes to standard output while the object lives.
+class Output {
+public:
+    Output() { testing::internal::CaptureStdout(); }
+    ~Output()
+    {
+        if (!taken_)
+            testing::internal::GetCapturedStdout();
+    }
+    QByteArray take()
+    {
+        taken_ = true;
+        return QByteArray::fromStdString(testing::internal::GetCapturedStdout());
+    }
+    Output(const Output &) = delete;
+    Output &operator=(const Output &) = delete;
+
+private:
+    bool taken_ = false;
+};
+
+/// Starts the service against the peer and waits until the peer has heard all five commands.
+void startAgainst(const TCPPeer &peer, int clients)
+{
+    preparedService().startOpenVPN();
+    ASSERT_TRUE(waitFor([&] { return peer.clients() == clients && peer.received() == openingCommands; }))
+        << peer.received().constData();
+}
+
+bool stateBecomes(const char *name)
+{
+    return waitFor([name] { return OpenVPNService::shared().state() == QLatin1String(name); });
+}
+
+} // namespace
+
+TEST(OpenVPNService, StoresAndAnnouncesWhatTheRulesAccept)
+{
+    struct Row {
+        const char *before;
+        const char *update;
+        const char *after;
+        int announcements;
+    };
+    const Row rows[] = {
+        {"CONNECTED", "ASSIGN_IP", "CONNECTED", 0},    {"CONNECTED", "ADD_ROUTES", "CONNECTED", 0},
+        {"CONNECTED", "CONNECTED", "CONNECTED", 1},    {"CONNECTED", "WAIT", "WAIT", 1},
+        {"RECONNECTING", "ASSIGN_IP", "ASSIGN_IP", 1}, {"NOPROCESS", "NOPROCESS", "NOPROCESS", 1},
+        {"WAIT", "assign_ip", "assign_ip", 1},         {"WAIT", "", "", 1},
+    };
+    auto &service = OpenVPNService::shared();
+    for (const Row &row : rows) {
+        service.setState(QLatin1String(row.before));
+        QSignalSpy announced(&service, &OpenVPNService::OpenVPNStateDidChange);
+        service.updateState(QLatin1String(row.update));
+        EXPECT_EQ(announced.count(), 0) << "announced inside the call";
+        QCoreApplication::processEvents();
+        EXPECT_EQ(service.state(), QLatin1String(row.after)) << row.before << row.update;
+        EXPECT_EQ(announced.count(), row.announcements) << row.before << row.update;
+    }
+}
+
+TEST(OpenVPNService, NeverLosesConnectedToASetUpStepOfAnotherThread)
+{
+    auto &service = OpenVPNService::shared();
+    std::atomic<bool> stop = false;
+    std::thread steps([&] {
+        while (!stop)
+            service.updateState(u"ASSIGN_IP"_s);
+    });
+    int lost = 0;
+    for (int i = 0; i < 5000; ++i) {
+        service.updateState(u"WAIT"_s);
+        service.updateState(u"CONNECTED"_s);
+        lost += service.state() == u"CONNECTED"_s ? 0 : 1;
+    }
+    stop = true;
+    steps.join();
+    QCoreApplication::removePostedEvents(&service);
+    EXPECT_EQ(lost, 0);
+}
+
+TEST(OpenVPNService, AnnouncesOnTheMainThreadWhicheverThreadUpdates)
+{
+    auto &service = OpenVPNService::shared();
+    std::atomic<int> elsewhere = 0;
+    std::atomic<int> here = 0;
+    QObject context;
+    QObject::connect(
+        &service, &OpenVPNService::OpenVPNStateDidChange, &context,
+        [&, main = std::this_thread::get_id()] { ++(std::this_thread::get_id() == main ? here : elsewhere); },
+        Qt::DirectConnection);
+    std::thread([&] { service.updateState(u"AUTH"_s); }).join();
+    EXPECT_TRUE(waitFor([&] { return here == 1; }));
+    EXPECT_EQ(elsewhere, 0);
+}
+
+TEST(OpenVPNService, GivesUpAfterEightAttemptsWithAPauseAfterEach)
+{
+    auto &service = preparedService();
+    service.setState(u"NOPROCESS"_s);
+    QSignalSpy announced(&service, &OpenVPNService::OpenVPNStateDidChange);
+    Output output;
+    const auto begin = std::chrono::steady_clock::now();
+    service.startOpenVPN();
+    const auto span = std::chrono::steady_clock::now() - begin;
+    EXPECT_GE(span, 8 * 300ms);
+    EXPECT_LT(span, 8 * 300ms + 2s);
+    EXPECT_EQ(output.take(), "error while starting mgmt interface\n");
+    EXPECT_TRUE(waitFor([&] { return announced.count() == 1; }));
+    EXPECT_EQ(service.state(), u"NOPROCESS"_s);
+}
+
+TEST(OpenVPNService, SendsTheOpeningCommandsAsSoonAsThePortIsOpen)
+{
+    Output output;
+    std::unique_ptr<TCPPeer> peer;
+    std::thread late([&] {
+        std::this_thread::sleep_for(450ms); // into the second pause
+        peer = std::make_unique<TCPPeer>(managementPort);
+    });
+    const auto begin = std::chrono::steady_clock::now();
+    preparedService().startOpenVPN();
+    const auto span = std::chrono::steady_clock::now() - begin;
+    late.join();
+    EXPECT_GE(span, 600ms);
+    EXPECT_LT(span, 2s);
+    EXPECT_TRUE(waitFor([&] { return peer->received() == openingCommands; })) << peer->received().constData();
+    QByteArray echoes = openingCommands;
+    EXPECT_EQ(output.take(), echoes.replace("\n", "\n\n"));
+}
+
+TEST(OpenVPNService, ShowsWhatOpenVPNReportsAndStopsByACommandAlone)
+{
+    const TCPPeer peer(managementPort);
+    startAgainst(peer, 1);
+    auto &service = OpenVPNService::shared();
+    Output output;
+    peer.send(
+        ">INFO:OpenVPN\r\n>STATE:1,WAIT,,,\r\n>LOG:1,I,a:b\r\nSUCCESS: x\r\n>BYTECOUNT:1,2\r\n>NEW:1\r\nERROR: e\r\n"
+        ">STATE:2,CONNECTED,SUCCESS,10.8.0.6\r\n>STATE:3,ASSIGN_IP,\r\n>ST");
+    ASSERT_TRUE(stateBecomes("CONNECTED"));
+    service.stopOpenVPN();
+    EXPECT_TRUE(waitFor([&] { return peer.received() == openingCommands + "signal SIGINT\n"; }));
+    EXPECT_EQ(service.state(), u"CONNECTED"_s);
+    peer.send("ATE:4,EXITING,SIGINT,\r\n");
+    EXPECT_TRUE(stateBecomes("EXITING"));
+    EXPECT_EQ(output.take(), "1,I,a:b\nMGMT: Got unrecognized command>NEW:1\n"
+                             "MGMT: Got unrecognized line from managmentERROR: e\nsignal SIGINT\n\n");
+}
+
+TEST(OpenVPNService, ReadsLaterConnectionsWithTheOneReaderAndAnEmptyBuffer)
+{
+    const TCPPeer peer(managementPort);
+    startAgainst(peer, 1);
+    peer.send(">STATE:1,FIRST,x\r\n>STATE:2,HALF");
+    ASSERT_TRUE(stateBecomes("FIRST"));
+    startAgainst(peer, 2);
+    Output output;
+    // Two readers would cut these lines to pieces between them.
+    QByteArray many;
+    for (int i = 0; i < 2000; ++i)
+        many += ">LOG:" + QByteArray::number(i) + "\r\n";
+    peer.send("\r\n" + many + ">STATE:3,SECOND,x\r\n");
+    ASSERT_TRUE(stateBecomes("SECOND"));
+    QByteArray expected = "MGMT: Got unrecognized line from managment\n" + many.replace(">LOG:", "").replace('\r', "");
+    EXPECT_EQ(output.take(), expected);
+}
+
+TEST(OpenVPNService, DropsAnUnreadableChunkAndJoinsWhatStandsAroundIt)
+{
+    const TCPPeer peer(managementPort);
+    startAgainst(peer, 1);
+    Output output;
+    const QByteArray head = ">LOG:before" + QByteArray(2048 - 11, '.');
+    const QByteArray invalid = QByteArray(2047, '!') + "\xc3"; // one letter cut in two by the end of a read:
+    const QByteArray other = "\xb1" + QByteArray(2047, '?');   // neither half is text
+    peer.send(head + invalid + other + "after\r\n>STATE:1,DONE,\r\n");
+    ASSERT_TRUE(stateBecomes("DONE"));
+    EXPECT_EQ(output.take(), head.sliced(5) + "after\n");
+}
+
+TEST(OpenVPNService, EchoesACommandThatCannotBeSentWithTheReason)
+{
+    auto peer = std::make_unique<TCPPeer>(managementPort);
+    startAgainst(*peer, 1);
+    peer.reset();
+    Output output;
+    OpenVPNService::shared().stopOpenVPN();
+    EXPECT_EQ(output.take(), "signal SIGINT\n Broken pipe\n");
+}
+
+TEST(OpenVPNService, StartsNothingWithoutAConfiguration)
+{
+    const TCPPeer peer(managementPort);
+    auto &service = preparedService();
+    service.config.reset();
+    Output output;
+    service.startOpenVPN();
+    EXPECT_EQ(output.take(), "error while starting mgmt interface\n");
+    EXPECT_EQ(peer.clients(), 0);
+}
