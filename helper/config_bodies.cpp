@@ -3,6 +3,7 @@
 #include "config_rules.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace {
 
@@ -11,7 +12,7 @@ constexpr qsizetype hexWidth = 32;
 constexpr qsizetype staticKeyDigits = 512; // 2048 bits: both directions' cipher and HMAC keys
 constexpr QByteArrayView dashes = "-----";
 
-enum class Content { Base64, StaticKey };
+enum class Content { Base64, StaticKey, Skipped };
 
 struct Armour {
     QByteArrayView block;
@@ -32,6 +33,7 @@ constexpr Armour armours[] = {
     {"key", "PRIVATE KEY", 1, Content::Base64},
     {"key", "RSA PRIVATE KEY", 1, Content::Base64},
     {"key", "EC PRIVATE KEY", 1, Content::Base64},
+    {"key", "EC PARAMETERS", 1, Content::Skipped}, // openssl puts them before the key, which names its curve itself
     {"tls-auth", "OpenVPN Static key V1", 1, Content::StaticKey},
     {"tls-crypt", "OpenVPN Static key V1", 1, Content::StaticKey},
     {"tls-crypt-v2", "OpenVPN tls-crypt-v2 client key", 1, Content::Base64},
@@ -92,17 +94,21 @@ bool ArmourReader::begin(QByteArrayView line)
         return false;
     armour_ = armourOf(block_, line.sliced(opening.size()).chopped(dashes.size()));
     content_.clear();
-    return armour_ && ++count_ <= armour_->most;
+    if (!armour_ || armour_->content == Content::Skipped)
+        return armour_;
+    return ++count_ <= armour_->most;
 }
 
 bool ArmourReader::end(QByteArrayView line)
 {
     if (line != "-----END " + armour_->label.toByteArray() + "-----" || !isWhole(content_, armour_->content))
         return false;
-    text += "-----BEGIN " + armour_->label.toByteArray() + "-----\n";
-    text += wrapped(content_, armour_->content == Content::StaticKey ? hexWidth : base64Width);
+    const Armour &ended = *std::exchange(armour_, nullptr);
+    if (ended.content == Content::Skipped)
+        return true;
+    text += "-----BEGIN " + ended.label.toByteArray() + "-----\n";
+    text += wrapped(content_, ended.content == Content::StaticKey ? hexWidth : base64Width);
     text += line.toByteArray() + '\n';
-    armour_ = nullptr;
     return true;
 }
 
