@@ -1,6 +1,6 @@
 #include "config_bodies.h"
 
-#include "config_rules.h"
+#include "config_values.h"
 
 #include <algorithm>
 #include <utility>
@@ -72,7 +72,7 @@ QByteArray wrapped(const QByteArray &content, qsizetype width)
 /// Takes lines one by one and collects the armours among them.
 class ArmourReader {
 public:
-    explicit ArmourReader(const QByteArray &block) : block_(block) {}
+    explicit ArmourReader(QByteArray block) : block_(std::move(block)) {}
     bool take(QByteArrayView line); ///< false: not what belongs here
     [[nodiscard]] bool isComplete() const { return !armour_ && count_ > 0; }
     QByteArray text;
@@ -128,7 +128,7 @@ std::optional<QByteArray> normalisedFingerprints(const QList<QByteArrayView> &li
     for (const QByteArrayView line : lines) {
         if (line.isEmpty() || line.startsWith('#') || line.startsWith(';'))
             continue;
-        if (!ConfigRules::isFingerprint(line.toByteArray()))
+        if (!ConfigValues::isFingerprint(line.toByteArray()))
             return std::nullopt;
         text += line.toByteArray() + '\n';
     }

@@ -13,7 +13,4 @@ enum class Verdict { Allowed, Dropped, NotAllowed, BadValue, NotInConnection };
 /// and backslashes.
 Verdict judge(const QByteArray &name, const QList<QByteArray> &values, Place place);
 
-/// Whether this is a SHA-256 fingerprint: 32 pairs of hexadecimal digits with colons between.
-bool isFingerprint(const QByteArray &value);
-
 } // namespace ConfigRules
