@@ -72,8 +72,6 @@ QNetworkRequest prepared(const HttpRequest &request)
     made.setAttribute(QNetworkRequest::CacheLoadControlAttribute, QNetworkRequest::AlwaysNetwork);
     made.setAttribute(QNetworkRequest::CookieLoadControlAttribute, QNetworkRequest::Manual);
     made.setAttribute(QNetworkRequest::CookieSaveControlAttribute, QNetworkRequest::Manual);
-    // Otherwise Qt may answer a 401 by itself, from the person's Kerberos ticket, and send the request again.
-    made.setAttribute(QNetworkRequest::AuthenticationReuseAttribute, QNetworkRequest::Manual);
     // A request on a connection that the server has meanwhile given up fails, so only a request that follows at once
     // gets an old one.
     made.setAttribute(QNetworkRequest::ConnectionCacheExpiryTimeoutSecondsAttribute, reuseLimit);
