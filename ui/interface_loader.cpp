@@ -4,6 +4,7 @@
 #include "main_view_controller.h"
 #include "main_window_controller.h"
 #include "system_log.h"
+#include "text_field.h"
 #include "title_button.h"
 
 #include <QFile>
@@ -30,6 +31,8 @@ QWidget *InterfaceLoader::createWidget(const QString &className, QWidget *parent
         made = new MainWindowController(parent);
     else if (className == u"MainViewController"_s)
         made = new MainViewController(parent);
+    else if (className == u"TextField"_s)
+        made = new TextField(parent);
     else if (className == u"TitleButton"_s)
         made = new TitleButton(parent);
     else
