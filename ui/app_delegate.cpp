@@ -20,11 +20,9 @@ AppDelegate::~AppDelegate() = default;
 void AppDelegate::applicationDidFinishLaunching()
 {
     loadInterface();
-    if (window) {
-        if (mainViewController)
-            window->layout()->addWidget(mainViewController);
-        window->show();
-    }
+    if (window && window->layout() && mainViewController)
+        window->layout()->addWidget(mainViewController);
+    applicationShouldHandleReopen(false);
     showStatusItem();
 }
 
