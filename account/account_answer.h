@@ -5,6 +5,8 @@
 #include <memory>
 #include <nlohmann/json_fwd.hpp>
 
+struct HttpResult;
+
 /// The outcome of one request to the account service. A value; any thread.
 class AccountAnswer {
 public:
@@ -27,3 +29,6 @@ private:
     Kind kind_;
     Document document_;
 };
+
+/// Sorts what came of a request, whatever its bytes. No I/O and no recursion, however deep the document.
+AccountAnswer sortAnswer(const HttpResult &result);

@@ -24,6 +24,9 @@ public:
     void clearHelperConnection();
 
 private:
+    static void invalidated(const std::weak_ptr<HelperConnection> &connection);
+    void forget(const std::weak_ptr<HelperConnection> &connection);
+
     std::mutex guard_; ///< of `xpcHelperConnection_`
     std::shared_ptr<HelperConnection> xpcHelperConnection_;
 };

@@ -1,9 +1,50 @@
 #include "application_main.h"
 
+#include "app_delegate.h"
+#include "background_queue.h"
+#include "quit_signals.h"
+#include "single_instance.h"
+#include "styling.h"
+
 #include <QApplication>
+
+#include <cstdlib>
+
+using namespace Qt::StringLiterals;
+using namespace std::chrono_literals;
+
+namespace {
+
+int run(QApplication &application, SingleInstance &instance)
+{
+    Styling::apply(application);
+    const QuitSignals quitSignals;
+    AppDelegate delegate;
+    QObject::connect(&instance, &SingleInstance::activated, &delegate,
+                     [&delegate] { delegate.applicationShouldHandleReopen(false); });
+    QObject::connect(&application, &QApplication::aboutToQuit, &delegate, &AppDelegate::applicationWillTerminate);
+    delegate.applicationDidFinishLaunching();
+    return QApplication::exec();
+}
+
+} // namespace
 
 int applicationMain(int &argc, char **argv)
 {
-    const QApplication application(argc, argv);
-    return QApplication::exec();
+    QApplication application(argc, argv);
+    QApplication::setApplicationName(u"Corvale"_s);
+    QApplication::setDesktopFileName(u"corvale"_s);
+    QApplication::setWindowIcon(Styling::imageNamed(u"corvale"_s));
+    // The status item stays when the window is closed.
+    QApplication::setQuitOnLastWindowClosed(false);
+
+    SingleInstance instance;
+    if (!instance.claim())
+        return EXIT_SUCCESS;
+    const int status = run(application, instance);
+    // A thread that is still at work, in the kernel or waiting for the bus, may touch any object of the process: then
+    // no destructor may run any more.
+    if (!BackgroundQueue::finish(80ms))
+        std::_Exit(status);
+    return status;
 }

@@ -1,0 +1,39 @@
+#pragma once
+
+#include <QByteArray>
+#include <QUrl>
+
+#include <chrono>
+#include <functional>
+#include <optional>
+
+struct HttpRequest {
+    enum class Method { get, post };
+
+    Method method = Method::get;
+    QUrl url;                                    ///< https, or the request fails without being sent
+    QByteArray contentType = {};                 ///< of the body; for `post`
+    QByteArray body = {};                        ///< for `post`
+    QByteArray authorization = {};               ///< header of that name, unless empty; never sent to another origin
+    std::chrono::milliseconds idleLimit{60'000}; ///< how long nothing may arrive before the request has failed
+};
+
+struct HttpResult {
+    std::optional<int> status; ///< of the response, or none when no response arrived
+    bool failed = false;       ///< the transfer did not end as it should: no response, cut off, too slow or too large
+    QByteArray body = {};      ///< empty when the transfer failed
+};
+
+/// HTTPS with the system's certificates and proxy. One client for the process, made on first use. No cookies, no cache.
+namespace HttpClient {
+
+/// The largest body, after decompression, that is an answer and not a failure.
+inline constexpr qsizetype largestBody = 4 * 1024 * 1024;
+
+/// Sends the request, once, and returns at once. Main thread. `completion` runs once, later, on the main thread, unless
+/// the process ends first. Up to 20 redirects are followed, to https alone: 301, 302 and 303 turn a post into a get,
+/// 307 and 308 keep it. A redirect that is not followed is itself the response. Nothing else is ever sent a second
+/// time.
+void send(const HttpRequest &request, std::function<void(const HttpResult &)> completion);
+
+} // namespace HttpClient

@@ -1,0 +1,56 @@
+#include "private_file.h"
+
+#include "write_all.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr mode_t ownerOnly = 0600;
+
+int refusal(int descriptor)
+{
+    struct stat found {};
+    if (::fstat(descriptor, &found) != 0)
+        return errno;
+    if (!S_ISREG(found.st_mode))
+        return EINVAL;
+    if (found.st_uid != ::geteuid())
+        return EPERM;
+    return found.st_nlink == 1 ? 0 : EMLINK;
+}
+
+/// Runs `use` on the opened file once that is known to be the caller's own.
+template <typename Use>
+int withFile(const char *path, Use use)
+{
+    // Nothing is truncated, and a pipe's missing reader not waited for, before it is known what was opened.
+    const int descriptor = ::open(path, O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, ownerOnly);
+    if (descriptor < 0)
+        return errno;
+    int error = refusal(descriptor);
+    if (error == 0 && ::fchmod(descriptor, ownerOnly) != 0)
+        error = errno;
+    if (error == 0)
+        error = use(descriptor);
+    if (::close(descriptor) != 0 && error == 0)
+        error = errno;
+    return error;
+}
+
+} // namespace
+
+int PrivateFile::ensure(const char *path)
+{
+    return withFile(path, [](int) { return 0; });
+}
+
+int PrivateFile::write(const char *path, QByteArrayView content)
+{
+    return withFile(path, [content](int descriptor) {
+        return ::ftruncate(descriptor, 0) == 0 ? writeAll(descriptor, content) : errno;
+    });
+}

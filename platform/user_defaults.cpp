@@ -1,0 +1,74 @@
+#include "user_defaults.h"
+
+#include "private_file.h"
+#include "system_log.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QSettings>
+
+#include <system_error>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+class Store : public QSettings {
+public:
+    Store() : QSettings(NativeFormat, UserScope, u"Corvale"_s, u"Corvale"_s) { setFallbacksEnabled(false); }
+};
+
+void logFailure(const QString &reason)
+{
+    SystemLog::write(u"User defaults error: "_s + reason);
+}
+
+/// QSettings replaces the file by a new one that takes over the mode of the old one and never has a wider one.
+bool prepare(const QFileInfo &file)
+{
+    QDir().mkpath(file.path());
+    // Some people keep their configuration elsewhere, behind links; QSettings then replaces what the link points to.
+    const QString path = file.exists() ? file.canonicalFilePath() : file.filePath();
+    const int error = PrivateFile::ensure(QFile::encodeName(path).constData());
+    if (error != 0)
+        logFailure(QString::fromStdString(std::generic_category().message(error)));
+    return error == 0;
+}
+
+/// Applies `change` and writes it to the disk at once, as a whole.
+template <typename Change>
+void update(Change change)
+{
+    Store store;
+    if (!prepare(QFileInfo(store.fileName())))
+        return;
+    change(store);
+    store.sync();
+    if (store.status() == QSettings::AccessError)
+        logFailure(u"cannot write "_s + store.fileName());
+}
+
+} // namespace
+
+std::optional<QString> UserDefaults::stringForKey(const QString &key)
+{
+    const QVariant value = Store().value(key);
+    return value.typeId() == QMetaType::QString ? std::optional(value.toString()) : std::nullopt;
+}
+
+void UserDefaults::setStrings(const QMap<QString, QString> &entries)
+{
+    update([&entries](QSettings &store) {
+        for (auto entry = entries.cbegin(); entry != entries.cend(); ++entry)
+            store.setValue(entry.key(), entry.value());
+    });
+}
+
+void UserDefaults::removeKeys(const QStringList &keys)
+{
+    update([&keys](QSettings &store) {
+        for (const QString &key : keys)
+            store.remove(key);
+    });
+}

@@ -1,0 +1,110 @@
+#include "https_server.h"
+
+#include <QEventLoop>
+#include <QFile>
+#include <QSemaphore>
+#include <QSslConfiguration>
+#include <QSslKey>
+#include <QSslServer>
+#include <QSslSocket>
+#include <QThread>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+QByteArray content(const QString &file)
+{
+    QFile opened(u"/tmp/certificates/"_s + file);
+    return opened.open(QIODevice::ReadOnly) ? opened.readAll() : QByteArray();
+}
+
+bool trustTheAuthority()
+{
+    QSslConfiguration trusting = QSslConfiguration::defaultConfiguration();
+    trusting.setCaCertificates({QSslCertificate(content(u"trusted.pem"_s))});
+    QSslConfiguration::setDefaultConfiguration(trusting);
+    return true;
+}
+
+qsizetype bodySize(const QByteArray &header)
+{
+    const qsizetype field = header.indexOf("Content-Length: ");
+    return field < 0 ? 0 : header.mid(field + 16, header.indexOf("\r\n", field) - field - 16).toLongLong();
+}
+
+} // namespace
+
+HttpsServer::HttpsServer(Answer answer, const char *certificate, quint16 port) : answer_(std::move(answer)), port_(port)
+{
+    [[maybe_unused]] static const bool trusted = trustTheAuthority();
+    QSemaphore listening;
+    thread_.reset(QThread::create([&, name = QString::fromLatin1(certificate)] {
+        QSslServer server;
+        QSslConfiguration identity;
+        identity.setLocalCertificate(QSslCertificate(content(name + u".pem"_s)));
+        identity.setPrivateKey(QSslKey(content(name + u".key"_s), QSsl::Ec));
+        server.setSslConfiguration(identity);
+        QObject::connect(&server, &QSslServer::pendingConnectionAvailable, &server, [this, &server] {
+            auto *const socket = qobject_cast<QSslSocket *>(server.nextPendingConnection());
+            const std::scoped_lock lock(guard_);
+            ++connections_;
+            QObject::connect(socket, &QSslSocket::readyRead, socket,
+                             [this, socket, received = QByteArray()]() mutable { read(*socket, received); });
+            if (socket->bytesAvailable() > 0)
+                QMetaObject::invokeMethod(socket, &QSslSocket::readyRead, Qt::QueuedConnection);
+        });
+        if (!server.listen(QHostAddress::LocalHost, port_))
+            qFatal("The test's server cannot listen.");
+        port_ = server.serverPort();
+        listening.release();
+        QEventLoop().exec();
+    }));
+    thread_->start();
+    listening.acquire();
+}
+
+HttpsServer::~HttpsServer()
+{
+    thread_->quit();
+    thread_->wait();
+}
+
+void HttpsServer::read(QSslSocket &socket, QByteArray &received)
+{
+    received += socket.readAll();
+    const qsizetype header = received.indexOf("\r\n\r\n") + 4;
+    if (header < 4 || received.size() < header + bodySize(received.left(header)))
+        return;
+    {
+        const std::scoped_lock lock(guard_);
+        requests_ += received;
+    }
+    const Reply reply = answer_(std::exchange(received, {}));
+    socket.write(reply.bytes);
+    if (!reply.open)
+        socket.disconnectFromHost();
+}
+
+QByteArray HttpsServer::address(const char *path) const
+{
+    return "https://localhost:" + QByteArray::number(port_) + path;
+}
+
+QList<QByteArray> HttpsServer::requests() const
+{
+    const std::scoped_lock lock(guard_);
+    return requests_;
+}
+
+int HttpsServer::connections() const
+{
+    const std::scoped_lock lock(guard_);
+    return connections_;
+}
+
+QByteArray response(const char *status, const QByteArray &body, const QByteArray &headers)
+{
+    return QByteArray("HTTP/1.1 ") + status + "\r\nContent-Length: " + QByteArray::number(body.size()) + "\r\n" +
+           headers + "\r\n" + body;
+}

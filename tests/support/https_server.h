@@ -1,0 +1,42 @@
+#pragma once
+
+#include <QByteArray>
+#include <QList>
+
+#include <functional>
+#include <memory>
+#include <mutex>
+
+class QSslSocket;
+class QThread;
+
+/// An HTTPS server on the loopback, in a thread of its own, with one of the launcher's certificates. The first one
+/// makes the process trust the launcher's "trusted" authority, and no other.
+class HttpsServer {
+public:
+    struct Reply {
+        QByteArray bytes;  ///< sent as they are, header included
+        bool open = false; ///< whether the connection stays open afterwards
+    };
+    using Answer = std::function<Reply(const QByteArray &request)>; ///< called on the server's thread
+
+    explicit HttpsServer(Answer answer, const char *certificate = "good", quint16 port = 0);
+    ~HttpsServer();
+
+    QByteArray address(const char *path) const; ///< as https://localhost:…
+    QList<QByteArray> requests() const;         ///< as they came, header and body
+    int connections() const;                    ///< completed handshakes
+
+private:
+    void read(QSslSocket &socket, QByteArray &received);
+
+    const Answer answer_;
+    quint16 port_;
+    mutable std::mutex guard_; ///< of the two below
+    QList<QByteArray> requests_;
+    int connections_ = 0;
+    std::unique_ptr<QThread> thread_;
+};
+
+/// A whole response with that body.
+QByteArray response(const char *status, const QByteArray &body, const QByteArray &headers = {});

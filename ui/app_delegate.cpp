@@ -1,0 +1,90 @@
+#include "app_delegate.h"
+
+#include "interface_loader.h"
+#include "main_view_controller.h"
+#include "main_window_controller.h"
+#include "styling.h"
+
+#include <QAction>
+#include <QCoreApplication>
+#include <QCursor>
+#include <QLayout>
+#include <QMenu>
+#include <QSystemTrayIcon>
+
+using namespace Qt::StringLiterals;
+
+AppDelegate::AppDelegate() = default;
+AppDelegate::~AppDelegate() = default;
+
+void AppDelegate::applicationDidFinishLaunching()
+{
+    loadInterface();
+    if (window) {
+        if (mainViewController)
+            window->layout()->addWidget(mainViewController);
+        window->show();
+    }
+    showStatusItem();
+}
+
+void AppDelegate::loadInterface()
+{
+    interface_ = InterfaceLoader::load(u"Main.ui"_s);
+    if (!interface_)
+        return;
+    statusMemu = interface_->findChild<QMenu *>(u"statusMemu"_s);
+    connectItem = interface_->findChild<QAction *>(u"connectItem"_s);
+    connectMenu();
+
+    window.reset(interface_->findChild<MainWindowController *>(u"mainWindowController"_s));
+    if (window)
+        window->setParent(nullptr);
+    auto *const form = interface_->findChild<MainViewController *>(u"mainViewController"_s);
+    if (form && form->loadView())
+        mainViewController = form;
+}
+
+void AppDelegate::connectMenu()
+{
+    const auto onTriggered = [this](const QString &name, auto action) {
+        if (auto *const item = interface_->findChild<QAction *>(name))
+            connect(item, &QAction::triggered, this, action);
+    };
+    onTriggered(u"connectItem"_s, [this] { onConnectButtonClick(); });
+    onTriggered(u"showItem"_s, [this] { applicationShouldHandleReopen(false); });
+    onTriggered(u"quitItem"_s, [] { QCoreApplication::exit(); });
+}
+
+void AppDelegate::showStatusItem()
+{
+    QIcon image = Styling::imageNamed(u"ic_status"_s);
+    image.setIsMask(false); // its own colours, not the panel's
+    statusItem = std::make_unique<QSystemTrayIcon>(image);
+    statusItem->setToolTip(u"Corvale"_s);
+    statusItem->setContextMenu(statusMemu);
+    connect(statusItem.get(), &QSystemTrayIcon::activated, this, [this](QSystemTrayIcon::ActivationReason reason) {
+        // The panel itself opens the menu for the other mouse button only.
+        if (reason == QSystemTrayIcon::Trigger && statusMemu)
+            statusMemu->popup(QCursor::pos());
+    });
+    // Without a status bar it waits for one.
+    statusItem->show();
+}
+
+bool AppDelegate::applicationShouldHandleReopen(bool)
+{
+    if (window) {
+        window->setWindowState(window->windowState() & ~Qt::WindowMinimized);
+        window->show();
+        window->raise();
+        window->activateWindow();
+    }
+    return true;
+}
+
+void AppDelegate::onConnectButtonClick()
+{
+    if (mainViewController)
+        mainViewController->onConnectButtonClick();
+}

@@ -1,0 +1,39 @@
+#include "interface_loader.h"
+
+#include "bundle.h"
+#include "main_view_controller.h"
+#include "main_window_controller.h"
+#include "system_log.h"
+#include "title_button.h"
+
+#include <QFile>
+
+using namespace Qt::StringLiterals;
+
+std::unique_ptr<QWidget> InterfaceLoader::load(const QString &name)
+{
+    InterfaceLoader loader;
+    loader.setLanguageChangeEnabled(false);
+    QFile file(Bundle::pathForResource(name));
+    std::unique_ptr<QWidget> root;
+    if (file.open(QIODevice::ReadOnly))
+        root.reset(static_cast<QUiLoader &>(loader).load(&file));
+    if (!root)
+        SystemLog::write(name + u": "_s + (file.isOpen() ? loader.errorString() : file.errorString()));
+    return root;
+}
+
+QWidget *InterfaceLoader::createWidget(const QString &className, QWidget *parent, const QString &name)
+{
+    QWidget *made = nullptr;
+    if (className == u"MainWindowController"_s)
+        made = new MainWindowController(parent);
+    else if (className == u"MainViewController"_s)
+        made = new MainViewController(parent);
+    else if (className == u"TitleButton"_s)
+        made = new TitleButton(parent);
+    else
+        return QUiLoader::createWidget(className, parent, name);
+    made->setObjectName(name);
+    return made;
+}

@@ -1,0 +1,41 @@
+#include "single_instance.h"
+
+#include <QDBusConnection>
+#include <QDBusConnectionInterface>
+#include <QDBusMessage>
+#include <QDBusReply>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+constexpr int patience = 1000; // ms, for each question to the bus
+
+} // namespace
+
+bool SingleInstance::claim()
+{
+    const QString name = u"com.corvale.macos"_s;
+    const QString path = u"/com/corvale/macos"_s;
+
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    if (!bus.isConnected())
+        return true;
+    bus.registerObject(path, this, QDBusConnection::ExportScriptableSlots);
+    bus.interface()->setTimeout(patience);
+    const auto reply = bus.interface()->registerService(name);
+    if (!reply.isValid() || reply.value() == QDBusConnectionInterface::ServiceRegistered)
+        return true;
+
+    QDBusMessage activate = QDBusMessage::createMethodCall(name, path, u"org.freedesktop.Application"_s, u"Activate"_s);
+    activate << QVariantMap();
+    const QDBusError error(bus.call(activate, QDBus::Block, patience));
+    // A first instance that is busy answers late, but it is there; one that has just gone leaves the place free.
+    return error.isValid() && error.type() != QDBusError::NoReply && error.type() != QDBusError::TimedOut &&
+           error.type() != QDBusError::Timeout;
+}
+
+void SingleInstance::Activate(const QVariantMap &)
+{
+    emit activated();
+}

@@ -1,0 +1,25 @@
+#pragma once
+
+#include <QObject>
+#include <QVariantMap>
+
+/// One client for each person: the first holds a name on the session bus, and every later start asks it to come back.
+/// Main thread.
+class SingleInstance final : public QObject {
+    Q_OBJECT
+    Q_CLASSINFO("D-Bus Interface", "org.freedesktop.Application")
+
+public:
+    using QObject::QObject;
+
+    /// True when this process is the one to go on: it took the name, or there is no bus that could tell. False after
+    /// another one was asked to come back. Blocks for the bus's answers, at most about two seconds.
+    bool claim();
+
+public slots:
+    /// For the bus: another start of the client.
+    Q_SCRIPTABLE void Activate(const QVariantMap &platformData);
+
+signals:
+    void activated(); ///< another start asks for the window
+};

@@ -1,0 +1,86 @@
+#include "styling.h"
+
+#include "bundle.h"
+#include "dark_style.h"
+#include "title_button.h"
+
+#include <QAbstractButton>
+#include <QApplication>
+#include <QFontDatabase>
+#include <QLineEdit>
+#include <QPalette>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+constexpr QRgb raised = 0xFF323742;    // buttons and menus, a little above the background
+constexpr QRgb highlight = 0xFF1C8455; // the green of the connected button, dark enough for white text
+constexpr QRgb faint = 0xFF6B6F78;     // what cannot be used now
+
+/// Alerts and whatever else Qt makes itself have buttons too, so they are caught where all of them pass.
+class PointingHand final : public QObject {
+public:
+    using QObject::QObject;
+
+    bool eventFilter(QObject *watched, QEvent *event) override
+    {
+        if (event->type() == QEvent::Polish)
+            if (auto *const button = qobject_cast<QAbstractButton *>(watched))
+                button->setCursor(Qt::PointingHandCursor);
+        return false;
+    }
+};
+
+QPalette darkPalette()
+{
+    QPalette palette(QColor::fromRgb(raised), QColor::fromRgb(Styling::background));
+    palette.setColor(QPalette::Base, QColor::fromRgb(Styling::background));
+    palette.setColor(QPalette::Highlight, QColor::fromRgb(highlight));
+    palette.setColor(QPalette::HighlightedText, QColor::fromRgb(Styling::white));
+    palette.setColor(QPalette::PlaceholderText, QColor::fromRgb(Styling::grey));
+    for (const auto role : {QPalette::WindowText, QPalette::Text, QPalette::ButtonText}) {
+        palette.setColor(role, QColor::fromRgb(Styling::white));
+        palette.setColor(QPalette::Disabled, role, QColor::fromRgb(faint));
+    }
+    return palette;
+}
+
+} // namespace
+
+QFont Styling::systemFont(int points)
+{
+    QFont font = QFontDatabase::systemFont(QFontDatabase::GeneralFont);
+    font.setPointSize(points);
+    return font;
+}
+
+QIcon Styling::imageNamed(const QString &name)
+{
+    // The icon finds name@2x.png and name@3x.png beside it by itself.
+    const QString path = Bundle::pathForResource(name + u".png"_s);
+    return path.isEmpty() ? QIcon() : QIcon(path);
+}
+
+void Styling::setColoredTitle(TitleButton &button, const QString &title, QColor color)
+{
+    button.setTitle(title, color, Qt::AlignHCenter, systemFont(titlePoints));
+}
+
+void Styling::setColoredPlaceholder(QLineEdit &field, const QString &text, QColor color)
+{
+    QPalette palette = field.palette();
+    palette.setColor(QPalette::PlaceholderText, color);
+    field.setPalette(palette);
+    field.setFont(systemFont(smallPoints)); // a field has one font for its text and its placeholder
+    field.setAlignment(Qt::AlignLeft);
+    field.setPlaceholderText(text);
+}
+
+void Styling::apply(QApplication &application)
+{
+    // The desktop's own style may paint over the palette, and the form fixes its colours.
+    QApplication::setStyle(new DarkStyle);
+    QApplication::setPalette(darkPalette());
+    application.installEventFilter(new PointingHand(&application));
+}
