@@ -80,7 +80,12 @@ class Server(http.server.ThreadingHTTPServer):
 
     def finish_request(self, request, client_address):
         # The handshake belongs to the connection's own thread: a silent peer must not hold up the others.
-        with self.context.wrap_socket(request, server_side=True) as secured:
+        try:
+            secured = self.context.wrap_socket(request, server_side=True)
+        except OSError as error:
+            print("no handshake:", error, file=sys.stderr)
+            return
+        with secured:
             super().finish_request(secured, client_address)
 
 

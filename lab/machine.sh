@@ -80,7 +80,7 @@ networks() {
 trust() {
     "$lab/certificates.sh" /etc/lab
     local certificates=/etc/ssl/certs
-    cp /etc/lab/authority.crt "$certificates/corvale-lab.pem"
+    install -m 644 /etc/lab/authority.crt "$certificates/corvale-lab.pem"
     ln -sf corvale-lab.pem "$certificates/$(openssl x509 -noout -hash -in /etc/lab/authority.crt).0"
     cat /etc/lab/authority.crt >>"$certificates/ca-certificates.crt"
 }

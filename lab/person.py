@@ -107,9 +107,15 @@ def tree(_):
 REQUESTS = {"window": window, "type": type_text, "click": click, "alert": alert, "fields": fields_enabled, "tree": tree}
 
 
-def on_title(event):
-    if event.any_data in TITLES and event.source.get_role() == Atspi.Role.PUSH_BUTTON:
-        tell(time=time.time(), title=event.any_data)
+def on_name_change(event):
+    when = time.time()
+    try:
+        # The event itself carries no name.
+        title, role = event.source.get_name(), event.source.get_role()
+    except GLib.Error:  # the client has gone
+        return
+    if title in TITLES and role in BUTTON:
+        tell(time=when, title=title)
 
 
 def on_request(_source, _condition):
@@ -140,7 +146,7 @@ def on_request(_source, _condition):
 
 Atspi.init()
 Atspi.set_timeout(30000, 30000)
-listener = Atspi.EventListener.new(on_title)
+listener = Atspi.EventListener.new(on_name_change)
 listener.register("object:property-change:accessible-name")
 GLib.io_add_watch(sys.stdin, GLib.PRIORITY_DEFAULT, GLib.IO_IN | GLib.IO_HUP, on_request)
 tell(answer={"ready": True})

@@ -38,8 +38,8 @@ mount --bind "$repo/build/demo" "$root$repo/build/demo"
 
 mkdir "$root/run/lab" "$root/run/lab/upper"
 mount --bind -o ro "$stage/upper" "$root/run/lab/upper"
+mkdir -m 1777 "$root/tmp/.X11-unix"
 if [ -n "${DISPLAY:-}" ]; then
-    mkdir -m 1777 "$root/tmp/.X11-unix"
     mount --bind /tmp/.X11-unix "$root/tmp/.X11-unix"
     # A display's cookie lies in a folder that the person inside may not enter.
     [ ! -f "${XAUTHORITY:-$HOME/.Xauthority}" ] || cp "${XAUTHORITY:-$HOME/.Xauthority}" "$root/run/lab/xauthority"

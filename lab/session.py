@@ -75,15 +75,17 @@ class Session:
         self.run("dbus-daemon", "--session", "--nofork", f"--address={self.environment['DBUS_SESSION_BUS_ADDRESS']}")
         wait_for("session bus", lambda: os.path.exists(f"{runtime}/bus"))
         if self.screen:
-            self.run("tint2")
+            # The panel waits for these, which a window manager would set.
+            for name, value in (("_NET_NUMBER_OF_DESKTOPS", "1"), ("_NET_CURRENT_DESKTOP", "0")):
+                self.run("xprop", "-root", "-f", name, "32c", "-set", name, value).wait()
+            self.run("tint2", "-c", str(HERE / "tint2rc"))
 
     def _start_screen(self):
         self.environment |= {"DISPLAY": ":7", "LAB_OWN_SCREEN": "1"}
-        pathlib.Path("/tmp/.X11-unix").mkdir(mode=0o1777, exist_ok=True)
         frames = pathlib.Path(self.environment["XDG_RUNTIME_DIR"], "screen")
         frames.mkdir()
         os.chown(frames, self.account.pw_uid, self.account.pw_gid)
-        self.run("Xvfb", ":7", "-screen", "0", "1024x768x24", "-nolisten", "tcp", "-fbdir", str(frames))
+        self.run("Xvfb", ":7", "-screen", "0", "640x480x24", "-nolisten", "tcp", "-fbdir", str(frames))
         wait_for("screen", lambda: os.path.exists("/tmp/.X11-unix/X7"))
         self.screen = frames / "Xvfb_screen0"
 
