@@ -1,6 +1,6 @@
 #!/bin/sh
 # The OpenVPN server on the lab's internet.
-# usage: openvpn_server.sh start|stop
+# usage: openvpn_server.sh start|stop|crash     stop tells the connected clients to start over, crash says nothing
 set -eu
 
 keys=/etc/lab
@@ -27,8 +27,10 @@ SCRIPT
         --auth-user-pass-verify /run/lab/check_password via-file \
         --push "redirect-gateway def1" --push "dhcp-option DNS 10.77.0.1"
     ;;
-stop)
-    kill "$(cat "$pid")"
-    while [ -d "/proc/$(cat "$pid")" ]; do sleep 0.02; done
+stop | crash)
+    server=$(cat "$pid") # it removes the file as it ends
+    [ "$1" = stop ] && signal=TERM || signal=KILL
+    kill -s "$signal" "$server"
+    while [ -d "/proc/$server" ]; do sleep 0.02; done
     ;;
 esac

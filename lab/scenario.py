@@ -1,6 +1,6 @@
 """What is shown inside the private machine, one function each. A scenario either returns or raises Failure.
 
-usage: scenario.py connect|wrong-password|server-late|server-restart|rejected|reuse|plain
+usage: scenario.py connect|wrong-password|server-late|server-restart|server-reset|rejected|reuse|plain
 """
 import os
 import sys
@@ -9,7 +9,7 @@ import time
 import machine
 import plain
 import timeline
-from session import LOGS, PICTURES, Failure, Person, Session, wait_for
+from session import LOGS, Failure, Person, Session, wait_for
 
 ANA = ("ana@example.com", "secret")
 BERTA = ("berta@example.com", "expired")  # signs in, but the OpenVPN server refuses the password
@@ -73,9 +73,6 @@ def connect():
     stage.session.picture("4-disconnected")
     machine.check_gone()
     timeline.show(timeline.collect(stage.person, stage.client, stage.bus, began), click)
-    stage.session.finish_pictures()
-    for picture in sorted(PICTURES.glob("*.png")):
-        print(f"  picture: build/demo/{picture.name}")
     took = connected - click
     print(f'  click until "Desconectar": {took:.3f} s; a plain script, same work: {yardstick:.3f} s;'
           f" more: {took - yardstick:.3f} s")
@@ -111,13 +108,28 @@ def server_restart():
     stage = Stage()
     stage.connect()
     stop = time.time()
-    machine.server("stop")
+    machine.server("crash")
     print(f'  button "Conectando..." {stage.person.sees("Conectando...", stop) - stop:.3f} s after the server went')
     stage.expect("RECONNECTING" in stage.states(), "OpenVPN did not reconnect")
     start = time.time()
     machine.server("start")
     print(f'  button "Desconectar" {stage.person.sees("Desconectar", start, 60) - start:.3f} s after it came back')
     machine.check_connected()
+    stage.disconnect()
+
+
+def server_reset():
+    """A server that tells its clients to start over makes OpenVPN forget the password, and the client gives it once."""
+    stage = Stage()
+    stage.connect()
+    stop = time.time()
+    machine.server("stop")
+    stage.person.sees("Conectando...", stop)
+    machine.server("start")
+    wait_for("OpenVPN to come as far as the password", lambda: stage.states()[-1:] == ["AUTH"])
+    print('  button "Conectando...": being set up again; a click ends it, the next one connects')
+    stage.disconnect()
+    stage.connect()
     stage.disconnect()
 
 
@@ -128,7 +140,6 @@ def rejected():
     stage.expect(alert == REJECTED, f'the alert says "{alert}"')
     print(f'  alert "{alert}"')
     stage.session.picture("rejected")
-    stage.session.finish_pictures()
     stage.person.sees("Conectar", click)
     stage.person.do("click", name="OK")
     stage.expect(not stage.helper_calls(), "the helper was called without a sign-in")
@@ -168,6 +179,7 @@ SCENARIOS = {
     "wrong-password": wrong_password,
     "server-late": server_late,
     "server-restart": server_restart,
+    "server-reset": server_reset,
     "rejected": rejected,
     "reuse": reuse,
     "plain": plain_only,
@@ -187,6 +199,8 @@ def main():
         for log in ("system", "account_errors", "server"):
             print(f"--- the end of {LOGS / log}", *(LOGS / log).read_text(encoding="utf-8").splitlines()[-15:], sep="\n")
         sys.exit(1)
+    finally:
+        Session.finish_pictures()
     print(f"PASSED: {name}")
 
 
