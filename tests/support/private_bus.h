@@ -1,9 +1,10 @@
 #pragma once
 
 #include <QByteArray>
-#include <QProcess>
 #include <QString>
 #include <QStringList>
+
+#include <sys/types.h>
 
 /// A bus of this process's own in the place of the system bus: a real dbus-daemon with a permissive policy, which ends
 /// with the test. The bus library reads the address once for each process, so every bus of a process listens at the
@@ -30,5 +31,5 @@ private:
     void reload() const;
 
     QByteArray extra_;
-    QProcess daemon_;
+    pid_t daemon_ = -1;
 };
