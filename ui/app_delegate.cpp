@@ -20,11 +20,11 @@ AppDelegate::~AppDelegate() = default;
 void AppDelegate::applicationDidFinishLaunching()
 {
     loadInterface();
-    if (window) {
-        if (mainViewController)
-            window->layout()->addWidget(mainViewController);
-        window->show();
+    if (window && mainViewController) {
+        window->setCentralWidget(mainViewController);
+        window->layout()->setSizeConstraint(QLayout::SetFixedSize);
     }
+    applicationShouldHandleReopen(false);
     showStatusItem();
 }
 

@@ -3,7 +3,6 @@
 #include "styling.h"
 
 #include <QPainter>
-#include <QPainterPath>
 #include <QStyleOption>
 
 using namespace Qt::StringLiterals;
@@ -11,7 +10,6 @@ using namespace Qt::StringLiterals;
 namespace {
 
 constexpr int boxSide = 18;
-constexpr int caretWidth = 2;
 
 void drawCheckBox(const QStyleOption &option, QPainter &painter)
 {
@@ -56,7 +54,14 @@ int DarkStyle::pixelMetric(PixelMetric metric, const QStyleOption *option, const
     switch (metric) {
     case PM_IndicatorWidth:
     case PM_IndicatorHeight: return boxSide;
-    case PM_TextCursorWidth: return caretWidth;
+    case PM_TextCursorWidth: return 0; // the fields draw their own caret
     default: return QProxyStyle::pixelMetric(metric, option, widget);
     }
+}
+
+int DarkStyle::styleHint(StyleHint hint, const QStyleOption *option, const QWidget *widget,
+                         QStyleHintReturn *returnData) const
+{
+    // The icon themes' symbols are drawn for light buttons.
+    return hint == SH_DialogButtonBox_ButtonsHaveIcons ? 0 : QProxyStyle::styleHint(hint, option, widget, returnData);
 }

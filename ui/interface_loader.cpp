@@ -4,6 +4,7 @@
 #include "main_view_controller.h"
 #include "main_window_controller.h"
 #include "system_log.h"
+#include "text_field.h"
 #include "title_button.h"
 
 #include <QFile>
@@ -12,14 +13,16 @@ using namespace Qt::StringLiterals;
 
 std::unique_ptr<QWidget> InterfaceLoader::load(const QString &name)
 {
+    const QString path = Bundle::pathForResource(name);
+    QFile file(path);
+    if (path.isEmpty() || !file.open(QIODevice::ReadOnly)) {
+        SystemLog::write(name + u": not in the bundle"_s);
+        return nullptr;
+    }
     InterfaceLoader loader;
-    loader.setLanguageChangeEnabled(false);
-    QFile file(Bundle::pathForResource(name));
-    std::unique_ptr<QWidget> root;
-    if (file.open(QIODevice::ReadOnly))
-        root.reset(static_cast<QUiLoader &>(loader).load(&file));
+    std::unique_ptr<QWidget> root(static_cast<QUiLoader &>(loader).load(&file));
     if (!root)
-        SystemLog::write(name + u": "_s + (file.isOpen() ? loader.errorString() : file.errorString()));
+        SystemLog::write(name + u": "_s + loader.errorString());
     return root;
 }
 
@@ -30,6 +33,8 @@ QWidget *InterfaceLoader::createWidget(const QString &className, QWidget *parent
         made = new MainWindowController(parent);
     else if (className == u"MainViewController"_s)
         made = new MainViewController(parent);
+    else if (className == u"TextField"_s)
+        made = new TextField(parent);
     else if (className == u"TitleButton"_s)
         made = new TitleButton(parent);
     else

@@ -6,15 +6,17 @@
 #include "openvpn_service.h"
 #include "styling.h"
 #include "system_log.h"
+#include "text_field.h"
 #include "title_button.h"
 #include "user_defaults.h"
 
 #include <QAction>
+#include <QApplication>
 #include <QCheckBox>
 #include <QDesktopServices>
 #include <QEvent>
 #include <QLabel>
-#include <QLineEdit>
+#include <QMainWindow>
 #include <QMessageBox>
 #include <QUrl>
 
@@ -71,6 +73,8 @@ void MainViewController::viewDidLoad()
     fill(*this, QColor::fromRgb(Styling::background));
     fill(*emailLine, grey);
     fill(*passwordLine, grey);
+    if (auto *const emblem = findChild<QLabel *>(u"emblem"_s))
+        emblem->setPixmap(QApplication::windowIcon().pixmap(emblem->minimumSize(), devicePixelRatio()));
 
     emailEdit->setText(UserDefaults::stringForKey(emailKey).value_or(QString()));
     passwordEdit->setText(UserDefaults::stringForKey(passwordKey).value_or(QString()));
@@ -81,8 +85,8 @@ void MainViewController::viewDidLoad()
     helpButton->setTitle(u"Ayuda"_s, grey, Qt::AlignRight, Styling::systemFont(Styling::smallPoints));
 
     connect(connectButton, &TitleButton::clicked, this, &MainViewController::onConnectButtonClick);
-    connect(emailEdit, &QLineEdit::returnPressed, this, &MainViewController::onConnectButtonClick);
-    connect(passwordEdit, &QLineEdit::returnPressed, this, &MainViewController::onConnectButtonClick);
+    connect(emailEdit, &TextField::returnPressed, this, &MainViewController::onConnectButtonClick);
+    connect(passwordEdit, &TextField::returnPressed, this, &MainViewController::onConnectButtonClick);
     connect(signupButton, &TitleButton::clicked, this, &MainViewController::onSignUpButtonClick);
     connect(helpButton, &TitleButton::clicked, this, &MainViewController::onHelpButtonClick);
     rememberText->installEventFilter(this);
@@ -92,11 +96,8 @@ void MainViewController::viewDidLoad()
 
 void MainViewController::viewDidAppear()
 {
-    for (auto *const field : {emailEdit.data(), passwordEdit.data()}) {
-        QPalette palette = field->palette();
-        palette.setColor(QPalette::Text, QColor::fromRgb(Styling::white)); // the caret takes the text's colour
-        field->setPalette(palette);
-    }
+    emailEdit->setCaretColor(QColor::fromRgb(Styling::white));
+    passwordEdit->setCaretColor(QColor::fromRgb(Styling::white));
     Styling::setColoredPlaceholder(*emailEdit, u"Email"_s, QColor::fromRgb(Styling::grey));
     Styling::setColoredPlaceholder(*passwordEdit, u"Contraseña"_s, QColor::fromRgb(Styling::grey));
     emailEdit->setFrame(false);

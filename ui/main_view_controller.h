@@ -10,8 +10,8 @@
 class AppDelegate;
 class QCheckBox;
 class QLabel;
-class QLineEdit;
 class QMessageBox;
+class TextField;
 class TitleButton;
 
 /// The login-and-connect form: checks what is typed, runs sign-in, profile and tunnel one after the other, and shows
@@ -23,9 +23,9 @@ public:
     explicit MainViewController(QWidget *parent = nullptr);
 
     QPointer<TitleButton> connectButton;
-    QPointer<QLineEdit> emailEdit;
+    QPointer<TextField> emailEdit;
     QPointer<QWidget> emailLine;
-    QPointer<QLineEdit> passwordEdit;
+    QPointer<TextField> passwordEdit;
     QPointer<QWidget> passwordLine;
     QPointer<QCheckBox> rememberCheck;
     QPointer<TitleButton> signupButton;

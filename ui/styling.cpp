@@ -4,7 +4,6 @@
 #include "dark_style.h"
 #include "title_button.h"
 
-#include <QAbstractButton>
 #include <QApplication>
 #include <QFontDatabase>
 #include <QLineEdit>
@@ -26,9 +25,16 @@ public:
     bool eventFilter(QObject *watched, QEvent *event) override
     {
         if (event->type() == QEvent::Polish)
-            if (auto *const button = qobject_cast<QAbstractButton *>(watched))
-                button->setCursor(Qt::PointingHandCursor);
+            if (auto *const widget = qobject_cast<QWidget *>(watched); widget && isButton(*widget))
+                widget->setCursor(Qt::PointingHandCursor);
         return false;
+    }
+
+private:
+    static bool isButton(const QWidget &widget)
+    {
+        // The second is what the status bar of an X screen holds.
+        return widget.inherits("QAbstractButton") || widget.inherits("QSystemTrayIconSys");
     }
 };
 

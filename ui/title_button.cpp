@@ -2,7 +2,6 @@
 
 #include <QAccessible>
 #include <QPainter>
-#include <QPainterPath>
 
 namespace {
 

@@ -1,0 +1,239 @@
+#include "openvpn_service.h"
+#include "styling.h"
+#include "text_field.h"
+#include "title_button.h"
+#include "ui_fixture.h"
+#include "wait_for.h"
+
+#include <QCheckBox>
+#include <QDesktopServices>
+#include <QLabel>
+#include <QPushButton>
+#include <QTest>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+struct Look {
+    QString title;
+    QRgb titleColor;
+    QRgb image; ///< the colour in the middle of its left end
+    bool enabled;
+    QRgb labelColor;
+    bool operator==(const Look &) const = default;
+};
+
+const Look stopped{u"Conectar"_s, 0xFF9D9EA2, 0xFF22262E, true, 0xFFFFFFFF};
+const Look connecting{u"Conectando..."_s, 0xFF9D9EA2, 0xFF22262E, false, 0xFF9D9EA2};
+const Look connected{u"Desconectar"_s, 0xFFFFFFFF, 0xFF1A7E50, false, 0xFF9D9EA2};
+
+void PrintTo(const Look &look, std::ostream *out)
+{
+    *out << look.title.toStdString() << ' ' << std::hex << look.titleColor << ' ' << look.image << ' ' << look.enabled
+         << ' ' << look.labelColor;
+}
+
+bool holds(const QImage &picture, QRgb color)
+{
+    for (int y = 0; y < picture.height(); ++y)
+        for (int x = 0; x < picture.width(); ++x)
+            if (picture.pixel(x, y) == color)
+                return true;
+    return false;
+}
+
+class FormTest : public UiTest {
+protected:
+    FormTest() { launch(); }
+
+    QImage picture(QWidget &widget) { return widget.grab().toImage().convertToFormat(QImage::Format_RGB32); }
+
+    /// As it is on the screen. Fails when the three controls or the two titles differ from each other.
+    Look look()
+    {
+        const bool enabled = form().emailEdit->isEnabled();
+        EXPECT_EQ(form().passwordEdit->isEnabled(), enabled);
+        EXPECT_EQ(form().rememberCheck->isEnabled(), enabled);
+        EXPECT_TRUE(form().connectButton->isEnabled());
+        EXPECT_EQ(delegate_->connectItem->text(), form().connectButton->text());
+        const QImage button = picture(*form().connectButton);
+        const QRgb titleColor = form().connectButton->palette().buttonText().color().rgb();
+        EXPECT_TRUE(holds(button, titleColor));
+        const QRgb labelColor = form().rememberText->palette().windowText().color().rgb();
+        EXPECT_TRUE(holds(picture(*form().rememberText), labelColor));
+        return {form().connectButton->text(), titleColor, button.pixel(button.height() / 2, button.height() / 2),
+                enabled, labelColor};
+    }
+};
+
+} // namespace
+
+TEST_F(FormTest, ANewFormIsEmptyDarkAndReadyForTheKeyboard)
+{
+    EXPECT_EQ(form().emailEdit->text(), QString());
+    EXPECT_EQ(form().passwordEdit->text(), QString());
+    EXPECT_FALSE(form().rememberCheck->isChecked());
+    EXPECT_EQ(look(), stopped);
+
+    for (QWidget *const next :
+         std::initializer_list<QWidget *>{form().emailEdit, form().passwordEdit, form().rememberCheck,
+                                          form().connectButton, form().signupButton, form().helpButton}) {
+        EXPECT_EQ(QApplication::focusWidget(), next) << next->objectName().toStdString();
+        QTest::keyClick(QApplication::focusWidget(), Qt::Key_Tab);
+    }
+}
+
+TEST_F(FormTest, TheColoursOnTheScreenAreThePalette)
+{
+    form().emailEdit->setFocus();
+    const QImage whole = picture(form());
+    const auto pixel = [&](const QWidget &at) { return whole.pixel(at.mapTo(&form(), at.rect().center())); };
+    EXPECT_EQ(whole.pixel(2, 2), 0xFF282C35);
+    EXPECT_EQ(pixel(*form().emailLine), 0xFF9D9EA2);
+    EXPECT_EQ(pixel(*form().passwordLine), 0xFF9D9EA2);
+    EXPECT_TRUE(holds(picture(*form().signupButton), 0xFF9D9EA2));
+    EXPECT_TRUE(holds(picture(*form().helpButton), 0xFF9D9EA2));
+
+    for (const auto &[field, placeholder] :
+         {std::pair{form().emailEdit, u"Email"_s}, {form().passwordEdit, u"Contraseña"_s}}) {
+        EXPECT_EQ(field->placeholderText(), placeholder);
+        EXPECT_EQ(field->font().pointSize(), 13);
+        EXPECT_EQ(field->accessibleName(), placeholder);
+        field->setFocus();
+        const QImage focused = picture(*field);
+        EXPECT_TRUE(holds(focused, 0xFF9D9EA2)) << "placeholder";
+        EXPECT_TRUE(holds(focused, 0xFFFFFFFF)) << "caret";
+        // Neither a frame nor a ring: the rim is the background.
+        for (int x = 0; x < focused.width(); ++x)
+            EXPECT_EQ(focused.pixel(x, 0), 0xFF282C35);
+        EXPECT_EQ(focused.pixel(focused.width() - 1, focused.height() / 2), 0xFF282C35);
+    }
+}
+
+TEST_F(FormTest, EveryStateNameHasTheLookOfItsClassAndAnUnknownOneNone)
+{
+    const std::pair<const char *, const Look *> rows[] = {
+        {"USER_VPN_PERMISSION", &connecting},
+        {"VPN_GENERATE_CONFIG", &connecting},
+        {"NONETWORK", &connecting},
+        {"CONNECTING", &connecting},
+        {"WAIT", &connecting},
+        {"RECONNECTING", &connecting},
+        {"RESOLVE", &connecting},
+        {"TCP_CONNECT", &connecting},
+        {"AUTH", &connecting},
+        {"GET_CONFIG", &connecting},
+        {"ASSIGN_IP", &connecting},
+        {"ADD_ROUTES", &connecting},
+        {"CONNECTED", &connected},
+        {"DISCONNECTED", &stopped},
+        {"EXITING", &stopped},
+        {"NOPROCESS", &stopped},
+        {"connected", nullptr},
+        {"WAIT ", nullptr},
+        {"", nullptr},
+    };
+    for (const auto &[name, expected] : rows)
+        for (const Look *const before : {&stopped, &connected}) {
+            before == &stopped ? form().showStopped() : form().showConnected();
+            OpenVPNService::shared().setState(u"NOPROCESS"_s);
+            announce(QString::fromLatin1(name));
+            EXPECT_EQ(look(), expected ? *expected : *before) << name;
+        }
+}
+
+TEST_F(FormTest, ALookIsThatOfTheStateWhenItsNoticeIsHandled)
+{
+    OpenVPNService::shared().updateState(u"CONNECTED"_s);
+    OpenVPNService::shared().setState(u"WAIT"_s);
+    ASSERT_TRUE(waitFor([this] { return form().connectButton->text() != stopped.title; }));
+    EXPECT_EQ(look(), connecting);
+}
+
+TEST_F(FormTest, AnEmptyFieldIsRefusedInTheOrderOfTheForm)
+{
+    const std::tuple<QString, QString, QString> rows[] = {
+        {{}, {}, u"Email should not be empty!"_s},
+        {{}, u"secret"_s, u"Email should not be empty!"_s},
+        {u"a@b.example"_s, {}, u"Password should not be empty!"_s},
+    };
+    for (const auto &[email, password, message] : rows)
+        for (const bool fromMenu : {false, true}) {
+            type(email, password);
+            fromMenu ? delegate_->connectItem->trigger() : QTest::keyClick(form().passwordEdit, Qt::Key_Return);
+            EXPECT_EQ(nextAlert(), message);
+            EXPECT_EQ(look(), stopped);
+        }
+}
+
+TEST_F(FormTest, AlertsAreSheetsThatWaitForEachOther)
+{
+    delegate_->window->close();
+    form().showAlert(u"first & <b>only</b>"_s);
+    form().showAlert(u"second"_s);
+    ASSERT_TRUE(waitFor([] { return alert() != nullptr; }));
+    EXPECT_TRUE(delegate_->window->isVisible());
+
+    QMessageBox &box = *alert();
+    EXPECT_EQ(box.text(), u"first & <b>only</b>"_s);
+    EXPECT_EQ(box.textFormat(), Qt::PlainText);
+    EXPECT_EQ(box.icon(), QMessageBox::Critical);
+    EXPECT_EQ(box.windowModality(), Qt::WindowModal);
+    EXPECT_EQ(box.parentWidget(), delegate_->window.get());
+    ASSERT_EQ(box.buttons().size(), 1);
+    EXPECT_EQ(box.standardButton(box.buttons().constFirst()), QMessageBox::Ok);
+
+    closeAlert();
+    EXPECT_EQ(nextAlert(), u"second"_s);
+    EXPECT_EQ(alert(), nullptr);
+}
+
+TEST_F(FormTest, ThePointerIsAHandOverEveryButton)
+{
+    form().showAlert(u"one more button"_s);
+    ASSERT_TRUE(waitFor([] { return alert() != nullptr; }));
+    int seen = 0;
+    for (const QWidget *const widget : QApplication::allWidgets())
+        if (const auto *const button = qobject_cast<const QAbstractButton *>(widget); button && button->isVisible()) {
+            EXPECT_EQ(button->cursor().shape(), Qt::PointingHandCursor) << button->text().toStdString();
+            ++seen;
+        }
+    EXPECT_EQ(seen, 5);
+    closeAlert();
+}
+
+TEST_F(FormTest, TheLabelOfTheCheckBoxTogglesItWhileItIsEnabled)
+{
+    click(*form().rememberText);
+    EXPECT_TRUE(form().rememberCheck->isChecked());
+    form().showConnecting();
+    click(*form().rememberText);
+    EXPECT_TRUE(form().rememberCheck->isChecked());
+}
+
+namespace {
+
+class Browser : public QObject {
+    Q_OBJECT
+public:
+    Browser() { QDesktopServices::setUrlHandler(u"https"_s, this, "open"); }
+    ~Browser() override { QDesktopServices::unsetUrlHandler(u"https"_s); }
+    QStringList opened;
+public slots:
+    void open(const QUrl &url) { opened += url.toString(); }
+};
+
+} // namespace
+
+TEST_F(FormTest, TheLinksOpenTheWebsitesPagesInEveryLook)
+{
+    const Browser browser;
+    click(*form().signupButton);
+    form().showConnected();
+    click(*form().helpButton);
+    EXPECT_EQ(browser.opened,
+              (QStringList{u"https://www.corvale.example/precios/"_s, u"https://www.corvale.example/soporte/"_s}));
+}
+
+#include "form_test.moc"

@@ -1,0 +1,166 @@
+#include "quit_signals.h"
+#include "single_instance.h"
+#include "text_field.h"
+#include "title_button.h"
+#include "ui_fixture.h"
+#include "user_defaults.h"
+#include "wait_for.h"
+
+#include <QApplication>
+#include <QDBusConnection>
+#include <QFile>
+#include <QProcess>
+#include <QSignalSpy>
+#include <QTest>
+
+#include <csignal>
+#include <thread>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+class ShellTest : public UiTest {};
+
+/// The real program, on the test's screen and session bus.
+class Client {
+public:
+    explicit Client(const QByteArray &bus = qgetenv("DBUS_SESSION_BUS_ADDRESS"))
+    {
+        auto environment = QProcessEnvironment::systemEnvironment();
+        environment.insert(u"DBUS_SESSION_BUS_ADDRESS"_s, QString::fromLatin1(bus));
+        process_.setProcessEnvironment(environment);
+        process_.setProcessChannelMode(QProcess::ForwardedChannels);
+        process_.start(QStringLiteral(CORVALE_BUNDLE "/Contents/MacOS/Corvale"), {});
+    }
+
+    /// Once it handles SIGTERM it is past everything that may keep it from starting.
+    bool running() const
+    {
+        QFile status(u"/proc/%1/status"_s.arg(process_.processId()));
+        if (!status.open(QIODevice::ReadOnly))
+            return false;
+        const QByteArray all = status.readAll();
+        const qsizetype at = all.indexOf("SigCgt:") + 7;
+        return (all.mid(at, all.indexOf('\n', at) - at).trimmed().toULongLong(nullptr, 16) >> (SIGTERM - 1) & 1) != 0;
+    }
+
+    bool ended() const { return process_.state() == QProcess::NotRunning; }
+    bool endedCleanly() const { return process_.exitStatus() == QProcess::NormalExit && process_.exitCode() == 0; }
+    void terminate() { process_.terminate(); }
+
+private:
+    QProcess process_;
+};
+
+} // namespace
+
+TEST_F(ShellTest, TheRememberedCredentialsFillTheForm)
+{
+    UserDefaults::setStrings({{u"email"_s, u"ana@b.example"_s}, {u"password"_s, u"s3cret ñ"_s}});
+    launch();
+    EXPECT_EQ(form().emailEdit->text(), u"ana@b.example"_s);
+    EXPECT_EQ(form().passwordEdit->text(), u"s3cret ñ"_s);
+}
+
+TEST_F(ShellTest, AReopenBringsBackTheSameWindowAndTheStatusItemStays)
+{
+    launch();
+    const QWidget *const window = delegate_->window.get();
+    EXPECT_TRUE(delegate_->applicationShouldHandleReopen(true));
+    delegate_->window->close();
+    EXPECT_FALSE(window->isVisible());
+    EXPECT_TRUE(delegate_->statusItem->isVisible());
+
+    EXPECT_TRUE(delegate_->applicationShouldHandleReopen(false));
+    EXPECT_EQ(delegate_->window.get(), window);
+    EXPECT_TRUE(QTest::qWaitForWindowActive(delegate_->window.get()));
+    EXPECT_TRUE(form().isVisible());
+}
+
+TEST_F(ShellTest, TheStatusItemShowsItsImageAndOpensTheMenu)
+{
+    launch();
+    EXPECT_EQ(delegate_->statusItem->icon().isMask(), false);
+    EXPECT_FALSE(delegate_->statusItem->icon().pixmap(22).isNull());
+    ASSERT_EQ(delegate_->statusItem->contextMenu(), delegate_->statusMemu);
+    EXPECT_EQ(delegate_->statusMemu->actions().constFirst(), delegate_->connectItem);
+    emit delegate_->statusItem->activated(QSystemTrayIcon::Trigger);
+    EXPECT_TRUE(delegate_->statusMemu->isVisible());
+    delegate_->statusMemu->close();
+}
+
+TEST_F(ShellTest, WhateverIsWrongWithTheInterfaceFileTheLaunchGoesOn)
+{
+    struct Row {
+        const char *is;
+        const char *becomes; ///< null: there is no file
+        bool window;
+        bool form;
+    };
+    const Row rows[] = {
+        {"", nullptr, false, false},
+        {"<ui version", "<<", false, false},
+        {"\"MainWindowController\" name=\"mainW", "\"QWidget\" name=\"mainW", false, true},
+        {"name=\"mainWindowController\"", "name=\"other\"", false, true},
+        {"\"MainViewController\" name=\"mainV", "\"QWidget\" name=\"mainV", true, false},
+        {"name=\"rememberText\"", "name=\"other\"", true, false},
+        {"\"TextField\" name=\"emailEdit\"", "\"QTextEdit\" name=\"emailEdit\"", true, false},
+    };
+    QFile shipped(QStringLiteral(CORVALE_BUNDLE "/Contents/Resources/Main.ui"));
+    ASSERT_TRUE(shipped.open(QIODevice::ReadOnly));
+    const QByteArray whole = shipped.readAll();
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.is);
+        QFile::remove(resource(u"Main.ui"_s));
+        if (row.becomes) {
+            QFile spoilt(resource(u"Main.ui"_s));
+            ASSERT_TRUE(whole.contains(row.is) && spoilt.open(QIODevice::WriteOnly));
+            spoilt.write(QByteArray(whole).replace(row.is, row.becomes));
+        }
+        delegate_.reset();
+        delegate_ = std::make_unique<AppDelegate>();
+        delegate_->applicationDidFinishLaunching();
+        EXPECT_EQ(delegate_->window != nullptr, row.window);
+        EXPECT_EQ(!delegate_->mainViewController.isNull(), row.form);
+        EXPECT_TRUE(delegate_->statusItem->isVisible());
+        EXPECT_TRUE(delegate_->applicationShouldHandleReopen(false));
+        delegate_->onConnectButtonClick();
+        EXPECT_EQ(row.form ? nextAlert() : QString(), row.form ? u"Email should not be empty!"_s : QString());
+    }
+}
+
+TEST_F(ShellTest, ASecondStartAsksTheFirstToComeBackAndEnds)
+{
+    SingleInstance first;
+    ASSERT_TRUE(first.claim());
+    QSignalSpy activated(&first, &SingleInstance::activated);
+    const Client second;
+    ASSERT_TRUE(waitFor([&] { return second.ended(); }));
+    EXPECT_TRUE(second.endedCleanly());
+    EXPECT_EQ(activated.count(), 1);
+    QDBusConnection::sessionBus().unregisterService(u"com.corvale.macos"_s);
+}
+
+TEST_F(ShellTest, TheClientStartsWithAndWithoutASessionBusAndEndsWhenAsked)
+{
+    for (const QByteArray &bus : {qgetenv("DBUS_SESSION_BUS_ADDRESS"), QByteArray("unix:path=/nonexistent")}) {
+        Client client(bus);
+        ASSERT_TRUE(waitFor([&] { return client.running(); })) << bus.constData();
+        client.terminate();
+        ASSERT_TRUE(waitFor([&] { return client.ended(); }));
+        EXPECT_TRUE(client.endedCleanly());
+    }
+}
+
+TEST(QuitSignals, AProcessThatIsTooBusyEndsAllTheSame)
+{
+    // The limit of the test is that of the program: the sleep would be longer.
+    EXPECT_EXIT(
+        {
+            const QuitSignals quitSignals;
+            raise(SIGTERM);
+            std::this_thread::sleep_for(std::chrono::hours(1));
+        },
+        testing::ExitedWithCode(0), "");
+}

@@ -1,0 +1,60 @@
+#include "text_field.h"
+
+#include <QGuiApplication>
+#include <QPainter>
+#include <QStyleHints>
+#include <QTimerEvent>
+
+TextField::TextField(QWidget *parent) : QLineEdit(parent)
+{
+    connect(this, &QLineEdit::cursorPositionChanged, this, &TextField::showCaret);
+    connect(this, &QLineEdit::textChanged, this, &TextField::showCaret);
+}
+
+void TextField::setCaretColor(QColor color)
+{
+    caretColor_ = color;
+    update();
+}
+
+void TextField::paintEvent(QPaintEvent *event)
+{
+    QLineEdit::paintEvent(event);
+    if (!caretShown_)
+        return;
+    QRect caret = cursorRect(); // with some room on both sides
+    caret.setLeft(caret.x() + (caret.width() + 1) / 2);
+    caret.setWidth(1);
+    QPainter(this).fillRect(caret, caretColor_);
+}
+
+void TextField::focusInEvent(QFocusEvent *event)
+{
+    QLineEdit::focusInEvent(event);
+    showCaret();
+}
+
+void TextField::focusOutEvent(QFocusEvent *event)
+{
+    QLineEdit::focusOutEvent(event);
+    showCaret();
+}
+
+void TextField::timerEvent(QTimerEvent *event)
+{
+    if (event->timerId() != blink_.timerId())
+        return QLineEdit::timerEvent(event);
+    caretShown_ = !caretShown_;
+    update();
+}
+
+void TextField::showCaret()
+{
+    caretShown_ = hasFocus();
+    const int period = QGuiApplication::styleHints()->cursorFlashTime();
+    if (caretShown_ && period > 1)
+        blink_.start(period / 2, this);
+    else
+        blink_.stop();
+    update();
+}
