@@ -1,4 +1,4 @@
-"""The account service at https://api.corvale.example/api/: signs subscribers in and hands out the tunnel's configuration.
+"""The account service, https://api.corvale.example/api/: signs subscribers in and hands out their configuration.
 
 usage: account_service.py LOG        one line for each answer: time, method, path, status
 """

@@ -29,7 +29,11 @@ settled() {
     shift
     until "$@" >/dev/null 2>&1; do
         tries=$((tries + 1))
-        [ "$tries" -le 200 ] || { echo "The lab's $what did not come up; see the end of its log:" >&2; tail "$log"/* >&2; exit 1; }
+        if [ "$tries" -gt 200 ]; then
+            echo "The lab's $what did not come up. What it wrote:" >&2
+            tail "$log"/* >&2
+            exit 1
+        fi
         sleep 0.05
     done
 }

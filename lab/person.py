@@ -100,8 +100,7 @@ def fields_enabled(_):
 
 
 def tree(_):
-    lines = [f"{t.get_role_name()} {t.get_name()!r} {'showing' if showing(t) else ''}" for t in everything(application())]
-    return {"tree": lines}
+    return {"tree": [f"{t.get_role_name()} {t.get_name()!r}" for t in everything(application()) if showing(t)]}
 
 
 REQUESTS = {"window": window, "type": type_text, "click": click, "alert": alert, "fields": fields_enabled, "tree": tree}

@@ -14,8 +14,8 @@ class Bus(Program):
 
     def __init__(self):
         super().__init__(
-            ["dbus-monitor", "--system", "--profile", f"interface='{HELPER}'", f"arg0='{HELPER}',member='NameOwnerChanged'",
-             "member='CheckAuthorization'"],
+            ["dbus-monitor", "--system", "--profile", f"interface='{HELPER}'",
+             f"arg0='{HELPER}',member='NameOwnerChanged'", "member='CheckAuthorization'"],
             stderr=subprocess.DEVNULL,
         )
 
