@@ -85,7 +85,7 @@ class Session:
         frames = pathlib.Path(self.environment["XDG_RUNTIME_DIR"], "screen")
         frames.mkdir()
         os.chown(frames, self.account.pw_uid, self.account.pw_gid)
-        self.run("Xvfb", ":7", "-screen", "0", "640x480x24", "-noreset", "-nolisten", "tcp", "-fbdir", str(frames))
+        self.run("Xvfb", ":7", "-screen", "0", "800x600x24", "-noreset", "-nolisten", "tcp", "-fbdir", str(frames))
         wait_for("screen", lambda: os.path.exists("/tmp/.X11-unix/X7"))
         self.screen = frames / "Xvfb_screen0"
 
