@@ -20,8 +20,10 @@ AppDelegate::~AppDelegate() = default;
 void AppDelegate::applicationDidFinishLaunching()
 {
     loadInterface();
-    if (window && window->layout() && mainViewController)
-        window->layout()->addWidget(mainViewController);
+    if (window && mainViewController) {
+        window->setCentralWidget(mainViewController);
+        window->layout()->setSizeConstraint(QLayout::SetFixedSize);
+    }
     applicationShouldHandleReopen(false);
     showStatusItem();
 }

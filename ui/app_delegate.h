@@ -9,6 +9,7 @@
 
 class MainViewController;
 class QAction;
+class QMainWindow;
 class QMenu;
 class QSystemTrayIcon;
 class QWidget;
@@ -28,7 +29,7 @@ private:
 public:
     QPointer<QMenu> statusMemu;                      ///< the status item's menu
     QPointer<QAction> connectItem;                   ///< its connect entry; the form keeps its title
-    std::unique_ptr<QWidget> window;                 ///< empty when the interface file names another class
+    std::unique_ptr<QMainWindow> window;             ///< empty when the interface file names another class
     QPointer<MainViewController> mainViewController; ///< owned by the window, or by the interface where there is none
     std::unique_ptr<QSystemTrayIcon> statusItem;
 

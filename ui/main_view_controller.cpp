@@ -16,6 +16,7 @@
 #include <QDesktopServices>
 #include <QEvent>
 #include <QLabel>
+#include <QMainWindow>
 #include <QMessageBox>
 #include <QUrl>
 

@@ -1,11 +1,11 @@
 #pragma once
 
-#include <QWidget>
+#include <QMainWindow>
 
 /// The main window, named by Main.ui. It has no behaviour of its own: what it shows is the view controller's.
-class MainWindowController final : public QWidget {
+class MainWindowController final : public QMainWindow {
     Q_OBJECT
 
 public:
-    using QWidget::QWidget;
+    using QMainWindow::QMainWindow;
 };

@@ -3,6 +3,7 @@
 #include "app_delegate.h"
 #include "main_view_controller.h"
 
+#include <QMainWindow>
 #include <QMenu>
 #include <QMessageBox>
 #include <QSystemTrayIcon>

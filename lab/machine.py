@@ -1,0 +1,67 @@
+"""What can be seen of the private machine from inside: tunnel, traffic, names, and its OpenVPN server."""
+import glob
+import pathlib
+import subprocess
+import time
+import urllib.error
+import urllib.request
+
+from session import HERE, Failure, wait_for
+
+RESOLVER = pathlib.Path("/etc/resolv.conf")
+BEFORE = RESOLVER.read_text(encoding="utf-8")
+INSIDE = "10.77.0.1"
+
+
+def tunnel_interfaces():
+    return [path.split("/")[-1] for path in glob.glob("/sys/class/net/tun*")]
+
+
+def openvpn_started():
+    """When the client's OpenVPN process began, or None: the one that serves the management port."""
+    for path in pathlib.Path("/proc").glob("[0-9]*"):
+        try:
+            arguments = (path / "cmdline").read_bytes().split(b"\0")
+            ticks = int((path / "stat").read_text().rsplit(")", 1)[1].split()[19])
+        except (OSError, IndexError):
+            continue
+        if b"1337" in arguments and arguments[0].endswith(b"openvpn"):
+            return time.time() - float(pathlib.Path("/proc/uptime").read_text().split()[0]) + ticks / 100
+    return None
+
+
+def reply_from_inside():
+    """What the page behind the tunnel says, or None where it cannot be reached."""
+    try:
+        with urllib.request.urlopen(f"http://{INSIDE}/", timeout=2) as page:
+            return page.read().decode().strip()
+    except (urllib.error.URLError, OSError):
+        return None
+
+
+def check_connected():
+    """Traffic, both kinds, goes through the tunnel, and names are asked of the server behind it."""
+    ping = subprocess.run(["ping", "-c1", "-W5", INSIDE], capture_output=True, text=True, check=False)
+    if ping.returncode:
+        raise Failure(f"no ping through the tunnel: {ping.stdout}")
+    print("  ping:", next(line for line in ping.stdout.splitlines() if "time=" in line))
+    reply = wait_for("the page behind the tunnel", reply_from_inside)
+    print("  page behind the tunnel:", reply)
+    if not reply.startswith("You are 10.8.0."):
+        raise Failure("the page was not reached through the tunnel")
+    servers = wait_for("the pushed name server", lambda: "10.77.0.1" in RESOLVER.read_text() and RESOLVER.read_text())
+    print("  /etc/resolv.conf:", " ".join(line for line in servers.splitlines() if line.startswith("nameserver")))
+
+
+def check_gone(limit=20.0):
+    """No OpenVPN, no tunnel, no way inside, and the name servers of before."""
+    wait_for("OpenVPN's end", lambda: not openvpn_started(), limit)
+    wait_for("the tunnel's end", lambda: not tunnel_interfaces())
+    wait_for("the name servers of before", lambda: RESOLVER.read_text(encoding="utf-8") == BEFORE)
+    if reply_from_inside():
+        raise Failure("the page behind the tunnel is reached without a tunnel")
+    print("  OpenVPN, tunnel and route are gone; /etc/resolv.conf is as before")
+
+
+def server(what):
+    subprocess.run([HERE / "openvpn_server.sh", what], check=True)

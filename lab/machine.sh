@@ -1,0 +1,128 @@
+#!/bin/bash
+# The first process of the private machine: its people, its networks, its services, the product; then what was asked
+# for. When it ends, the kernel ends every other process of the machine.
+#
+#   client machine 198.51.100.2 ── 198.51.100.1 "internet" ── 10.77.0.2 "behind" 10.77.0.1
+#                                  203.0.113.10 account service             only through the tunnel
+#                                  203.0.113.20 OpenVPN server
+set -euo pipefail
+
+lab=$(cd "$(dirname "$0")" && pwd)
+repo=$(dirname "$lab")
+said=$repo/build/demo
+log=/var/log/lab
+person=ana
+
+finish() {
+    status=$?
+    # What the machine leaves for the check afterwards: each file that it put on top of the host's.
+    find /run/lab/upper -type f -printf '/%P\n' | sort >"$said/written"
+    exit "$status"
+}
+trap finish EXIT
+trap 'exit 130' INT TERM
+readlink /proc/self/ns/{mnt,net,pid,ipc} >"$said/namespaces"
+
+# Waits until a condition holds: settled WHAT COMMAND…
+settled() {
+    local what=$1 tries=0
+    shift
+    until "$@" >/dev/null 2>&1; do
+        tries=$((tries + 1))
+        if [ "$tries" -gt 200 ]; then
+            echo "The lab's $what did not come up. What it wrote:" >&2
+            tail "$log"/* >&2
+            exit 1
+        fi
+        sleep 0.05
+    done
+}
+
+people() {
+    local id=${SUDO_UID:-1000} file
+    [ "$id" -ne 0 ] || id=1000
+    for file in passwd group; do sed -i -E "/^$person:|^[^:]*:[^:]*:$id:/d" "/etc/$file"; done
+    echo "$person:x:$id:$id:Ana:/home/$person:/bin/sh" >>/etc/passwd
+    echo "$person:x:$id:" >>/etc/group
+    install -d -m 700 -o "$id" -g "$id" "/home/$person" "/run/user" "/run/user/$id"
+    chmod 755 /run/user
+    if [ -f /run/lab/xauthority ]; then chown "$id" /run/lab/xauthority; fi
+}
+
+networks() {
+    ip link set lo up
+    ip netns add internet
+    ip netns add behind
+    ip link add wan type veth peer name home netns internet
+    ip address add 198.51.100.2/24 dev wan
+    ip link set wan up
+    ip -n internet link set lo up
+    ip -n internet address add 203.0.113.10/32 dev lo
+    ip -n internet address add 203.0.113.20/32 dev lo
+    ip -n internet address add 198.51.100.1/24 dev home
+    ip -n internet link set home up
+    ip route add default via 198.51.100.1
+
+    ip -n internet link add inner type veth peer name inner netns behind
+    ip -n internet address add 10.77.0.2/24 dev inner
+    ip -n internet link set inner up
+    ip -n behind link set lo up
+    ip -n behind address add 10.77.0.1/24 dev inner
+    ip -n behind link set inner up
+    ip -n behind route add default via 10.77.0.2
+    ip netns exec internet sysctl -qw net.ipv4.ip_forward=1
+    # Nobody gets behind the server except out of the tunnel.
+    ip -n internet rule add iif home to 10.77.0.0/24 prohibit
+
+    # A link (into a running resolver's folder) would be followed out of /etc.
+    rm -f /etc/resolv.conf
+    echo "nameserver 198.51.100.1" >/etc/resolv.conf
+    printf '%s\n' "127.0.0.1 localhost $(hostname)" "203.0.113.10 api.corvale.example" \
+        "203.0.113.20 vpn.corvale.example" >/etc/hosts
+}
+
+trust() {
+    "$lab/certificates.sh" /etc/lab
+    local certificates=/etc/ssl/certs
+    install -m 644 /etc/lab/authority.crt "$certificates/corvale-lab.pem"
+    ln -sf corvale-lab.pem "$certificates/$(openssl x509 -noout -hash -in /etc/lab/authority.crt).0"
+    cat /etc/lab/authority.crt >>"$certificates/ca-certificates.crt"
+}
+
+bus_call() { dbus-send --system --print-reply --dest=org.freedesktop.DBus / "org.freedesktop.DBus.$1" "${@:2}"; }
+
+bus_and_rights() {
+    # Without a login manager nobody counts as sitting at the machine, so the rule says who may.
+    install -D -m 644 "$lab/person.rules" /etc/polkit-1/rules.d/10-lab.rules
+    dbus-uuidgen --ensure=/etc/machine-id
+    mkdir -p /run/dbus
+    dbus-daemon --system --nofork --nopidfile >"$log/bus" 2>&1 &
+    settled "system bus" bus_call ListNames
+    settled "polkit" bus_call StartServiceByName string:org.freedesktop.PolicyKit1 uint32:0
+}
+
+servers() {
+    /usr/bin/python3 "$lab/system_log.py" "$log/system" &
+    ip netns exec internet /usr/bin/python3 "$lab/account_service.py" "$log/account" 2>"$log/account_errors" &
+    ip netns exec behind /usr/bin/python3 "$lab/inner_service.py" 2>"$log/inner" &
+    "$lab/openvpn_server.sh" start
+    settled "system log" test -S /dev/log
+    settled "account service" bash -c ': </dev/tcp/203.0.113.10/443'
+    settled "OpenVPN server" grep -q "Initialization Sequence Completed" "$log/server"
+    settled "service behind the tunnel" ip netns exec behind bash -c ': </dev/tcp/10.77.0.1/80'
+}
+
+mkdir -p "$log"
+people
+networks
+trust
+servers
+cmake --install "$repo/build" --prefix /usr >"$log/install"
+bus_and_rights
+
+if [ "${1:-}" = shell ]; then
+    shift
+    if [ $# -gt 0 ]; then "$@"; else bash; fi
+else
+    /usr/bin/python3 -B "$lab/scenario.py" "${1:-connect}"
+fi

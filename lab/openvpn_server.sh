@@ -1,0 +1,36 @@
+#!/bin/sh
+# The OpenVPN server on the lab's internet.
+# usage: openvpn_server.sh start|stop|crash     stop tells the connected clients to start over, crash says nothing
+set -eu
+
+keys=/etc/lab
+log=/var/log/lab/server
+pid=/run/lab/server.pid
+
+case $1 in
+start)
+    mkdir -p /run/lab
+    cat >/run/lab/check_password <<'SCRIPT'
+#!/bin/sh
+# The file holds the user name and the password, one a line.
+[ "$(cat "$1")" = "ana@example.com
+secret" ]
+SCRIPT
+    chmod 755 /run/lab/check_password
+    : >"$log"
+    exec ip netns exec internet openvpn --daemon --writepid "$pid" --log-append "$log" --verb 3 \
+        --dev tun --topology subnet --server 10.8.0.0 255.255.255.0 \
+        --proto udp --local 203.0.113.20 --port 1194 --keepalive 1 4 --explicit-exit-notify 1 \
+        --ca "$keys/tunnel_authority.crt" --cert "$keys/tunnel.crt" --key "$keys/tunnel.key" \
+        --dh none --tls-crypt "$keys/tunnel_shared.key" \
+        --verify-client-cert none --username-as-common-name --script-security 2 \
+        --auth-user-pass-verify /run/lab/check_password via-file \
+        --push "redirect-gateway def1" --push "dhcp-option DNS 10.77.0.1"
+    ;;
+stop | crash)
+    server=$(cat "$pid") # it removes the file as it ends
+    [ "$1" = stop ] && signal=TERM || signal=KILL
+    kill -s "$signal" "$server"
+    while [ -d "/proc/$server" ]; do sleep 0.02; done
+    ;;
+esac

@@ -1,0 +1,152 @@
+"""The person before the screen: finds things by their accessible names, types, clicks, and says what the window shows.
+
+Runs in the person's own session. Reads one request a line ({"do": …}), answers each with one line, and in between
+writes a line for every new title of the connect button, with the time at which the accessibility bus told of it.
+"""
+import json
+import os
+import sys
+import time
+
+import gi
+
+gi.require_version("Atspi", "2.0")
+from gi.repository import Atspi, GLib  # noqa: E402
+
+TITLES = ("Conectar", "Conectando...", "Desconectar")
+# With a screen of its own the lab may move the pointer; on a person's display it uses the button's own action.
+OWN_SCREEN = "LAB_OWN_SCREEN" in os.environ
+
+
+def tell(**what):
+    print(json.dumps(what), flush=True)
+
+
+def application():
+    desktop = Atspi.get_desktop(0)
+    found = [desktop.get_child_at_index(i) for i in range(desktop.get_child_count())]
+    return next((a for a in found if a and a.get_name().lower() == "corvale"), None)
+
+
+def everything(thing):
+    if thing is None:
+        return
+    yield thing
+    for i in range(thing.get_child_count()):
+        yield from everything(thing.get_child_at_index(i))
+
+
+def showing(thing):
+    return thing.get_state_set().contains(Atspi.StateType.SHOWING)
+
+
+def find(role, names):
+    for thing in everything(application()):
+        if thing.get_role() in role and thing.get_name() in names and showing(thing):
+            return thing
+    return None
+
+
+BUTTON = (Atspi.Role.PUSH_BUTTON,)
+FIELD = (Atspi.Role.TEXT, Atspi.Role.PASSWORD_TEXT, Atspi.Role.ENTRY)
+ALERT = (Atspi.Role.ALERT, Atspi.Role.DIALOG)
+
+
+def connect_button():
+    return find(BUTTON, TITLES)
+
+
+def press(button):
+    if not OWN_SCREEN:
+        began = time.time()
+        button.do_action(0)
+        return began
+    place = button.get_extents(Atspi.CoordType.SCREEN)
+    x, y = place.x + place.width // 2, place.y + place.height // 2
+    Atspi.generate_mouse_event(x, y, "abs")
+    began = time.time()
+    Atspi.generate_mouse_event(x, y, "b1c")
+    return began
+
+
+# What a request does: each returns something for the answer, or None while it cannot be done yet.
+
+def window(_):
+    button = connect_button()
+    return button and {"title": button.get_name()}
+
+
+def type_text(request):
+    field = find(FIELD, (request["name"],))
+    return field and {"typed": field.set_text_contents(request["text"])}
+
+
+def click(request):
+    button = find(BUTTON, (request["name"],)) if "name" in request else connect_button()
+    return button and {"time": press(button)}
+
+
+def alert(_):
+    for thing in everything(application()):
+        if thing.get_role() in ALERT and showing(thing):
+            texts = [t.get_name() for t in everything(thing) if t.get_role() == Atspi.Role.LABEL and t.get_name()]
+            return {"text": texts[0] if texts else thing.get_name()}
+    return None
+
+
+def fields_enabled(_):
+    field = find(FIELD, ("Email",))
+    return field and {"enabled": field.get_state_set().contains(Atspi.StateType.ENABLED)}
+
+
+def tree(_):
+    return {"tree": [f"{t.get_role_name()} {t.get_name()!r}" for t in everything(application()) if showing(t)]}
+
+
+REQUESTS = {"window": window, "type": type_text, "click": click, "alert": alert, "fields": fields_enabled, "tree": tree}
+
+
+def on_name_change(event):
+    when = time.time()
+    try:
+        # The event itself carries no name.
+        title, role = event.source.get_name(), event.source.get_role()
+    except GLib.Error:  # the client has gone
+        return
+    if title in TITLES and role in BUTTON:
+        tell(time=when, title=title)
+
+
+def on_request(_source, _condition):
+    line = sys.stdin.readline()
+    if not line:
+        Atspi.event_quit()
+        return False
+    request = json.loads(line)
+    deadline = time.monotonic() + request.get("limit", 10)
+
+    def attempt():
+        try:
+            answer = REQUESTS[request["do"]](request)
+        except GLib.Error as error:  # the client is busy, or a thing went away meanwhile
+            answer, request["why"] = None, error.message
+        if answer is not None:
+            tell(answer=answer)
+        elif time.monotonic() > deadline:
+            tell(failed=f"{request} found nothing")
+        else:
+            return True
+        return False
+
+    if attempt():
+        GLib.timeout_add(20, attempt)
+    return True
+
+
+Atspi.init()
+Atspi.set_timeout(30000, 30000)
+listener = Atspi.EventListener.new(on_name_change)
+listener.register("object:property-change:accessible-name")
+GLib.io_add_watch(sys.stdin, GLib.PRIORITY_DEFAULT, GLib.IO_IN | GLib.IO_HUP, on_request)
+tell(answer={"ready": True})
+Atspi.event_main()
