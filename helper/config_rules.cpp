@@ -29,9 +29,7 @@ constexpr Rule rules[] = {
     {"dev-type", "tun"},
     {"proto", "$proto", both},
     {"remote", "$host [$port] [$proto]", both},
-    {"port", "$port", both},
     {"rport", "$port", both},
-    {"lport", "0..65535", both},
     {"nobind", "", both},
     {"float", "", both},
     {"remote-random", ""},
@@ -125,6 +123,7 @@ constexpr Rule rules[] = {
     {"verb", "0..4"}, // above, keys and packets are in the log
     {"mute", "$number"},
     {"setenv", "CLIENT_CERT 0|1"},
+    {"setenv", "FORWARD_COMPATIBLE 0|1"},
     {"setenv", "PUSH_PEER_INFO"},
     {"setenv", "SERVER_POLL_TIMEOUT $number"},
     {"setenv", "$uv [$text]"},

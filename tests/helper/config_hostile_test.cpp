@@ -91,6 +91,7 @@ TEST(HostileConfiguration, IsRefusedForWhatItHides)
         {"dev ../../x\n", Reason::BadValue, "dev", 1},
         {"proto tcp-server\n", Reason::BadValue, "proto", 1},
         {"remote -x\n", Reason::BadValue, "remote", 1},
+        {"port 53\n", Reason::NotAllowed, "port", 1}, // root may bind where the caller may not
         {"remote a.example 0\n", Reason::BadValue, "remote", 1},
         {"remote a.example 65536\n", Reason::BadValue, "remote", 1},
         {"verb 5\n", Reason::BadValue, "verb", 1},
