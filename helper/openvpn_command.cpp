@@ -48,9 +48,11 @@ constexpr const char *accepted[] = {
 
 QList<QByteArray> openvpnCommand(const HelperPaths &paths)
 {
+    // A file that says neither "client" nor "tls-client" would otherwise make a peer that talks in the clear.
     QList<QByteArray> command{paths.openvpn,
                               "--config",
                               paths.configuration(),
+                              "--client",
                               "--script-security",
                               "2",
                               "--up",
