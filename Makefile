@@ -2,9 +2,10 @@
 
 PRESET ?= release
 JOBS ?= $(shell nproc)
+FUZZ_SECONDS ?= 60
 export CTEST_OUTPUT_ON_FAILURE = 1
 
-.PHONY: build test demo asan tsan lint packages install clean
+.PHONY: build test demo asan tsan lint fuzz packages install clean
 
 build: packages
 	cmake --preset $(PRESET)
@@ -18,6 +19,12 @@ asan tsan: packages
 
 lint: build
 	packaging/lint.sh
+
+# Each fuzzer for FUZZ_SECONDS. What it finds stays in build/fuzz/NAME-*.
+fuzz: packages
+	cmake --preset fuzz
+	cmake --build --preset fuzz --parallel $(JOBS)
+	fuzz/run.sh build/fuzz $(FUZZ_SECONDS)
 
 demo: build
 	lab/demo.sh

@@ -1,0 +1,23 @@
+#!/bin/sh
+# Runs each fuzzer for a bounded time, from the kept seeds. usage: run.sh BUILD_FOLDER SECONDS
+set -eu
+build=$1
+seconds=$2
+here=$(dirname "$0")
+
+fuzz() {
+    name=$1
+    shift
+    mkdir -p "$build/corpus/$name"
+    echo "$name, $seconds s:"
+    "$build/fuzz/$name" "$build/corpus/$name" "$@" -max_len=8192 -max_total_time="$seconds" \
+        -artifact_prefix="$build/$name-" -print_final_stats=1 -verbosity=0 2>&1 |
+        grep -E 'stat::(number_of_executed_units|peak_rss_mb)|ERROR|SUMMARY|Test unit' || true
+    if ls "$build/$name"-* >/dev/null 2>&1; then
+        echo "$name has found something: $(echo "$build/$name"-*)" >&2
+        exit 1
+    fi
+}
+
+fuzz config_fuzzer "$here/seeds/config" "$here/../tests/helper/profiles" "-dict=$here/config.dict"
+fuzz management_lines_fuzzer "$here/seeds/management_lines" "-dict=$here/management_lines.dict"
