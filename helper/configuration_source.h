@@ -29,8 +29,8 @@ struct Unreadable {
     QByteArray why;
 };
 
-constexpr qsizetype maxConfiguration = 256 * 1024; ///< bytes
-constexpr std::chrono::seconds limit{2};           ///< a file system of the caller's own may never answer
+constexpr qsizetype maxConfiguration = qsizetype(256) * 1024; ///< bytes
+constexpr std::chrono::seconds limit{2};                      ///< a file system of the caller's own may never answer
 
 /// The bytes of the regular file at `path`, read once, at most `most` of them, by a child process that has the caller's
 /// user and groups. Follows no link in the last step of the path. Blocks for `limit` at the most.

@@ -32,7 +32,7 @@ Descriptor requestsToEnd()
 int helperMain(int argc, char *argv[], const HelperPaths &paths)
 {
     const Descriptor ends = requestsToEnd();
-    ::signal(SIGPIPE, SIG_IGN);
+    (void)::signal(SIGPIPE, SIG_IGN);
     const QCoreApplication application(argc, argv);
     auto bus = QDBusConnection::systemBus();
     if (!bus.isConnected()) {

@@ -13,7 +13,7 @@ asm(R"(.pushsection .info_plist,"a",@progbits
 int main(int argc, char *argv[])
 {
     if (::geteuid() != 0) {
-        std::fputs("The helper must be run by root; the system bus starts it when it is needed.\n", stderr);
+        (void)std::fputs("The helper must be run by root; the system bus starts it when it is needed.\n", stderr);
         return EXIT_FAILURE;
     }
     ::prctl(PR_SET_DUMPABLE, 0); // keys pass through its memory

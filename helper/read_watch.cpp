@@ -19,7 +19,7 @@ void ReadWatch::take()
 {
     constexpr size_t size = 4096;
     char buffer[size];
-    for (ssize_t got; (got = ::read(events_.get(), buffer, size)) > 0;) {
+    for (ssize_t got = 0; (got = ::read(events_.get(), buffer, size)) > 0;) {
         for (ssize_t at = 0; at < got;) {
             inotify_event event{};
             std::memcpy(&event, buffer + at, sizeof event);

@@ -135,12 +135,14 @@ void Tunnel::restored()
     if (process_)
         process_.release()->deleteLater();
     QFile::remove(QFile::decodeName(paths_.processRecord()));
+    // Whoever gets an answer finds everything cleaned up.
+    if (unread_ == 0)
+        becomeIdle();
     answerServed();
-    if (unread_ > 0) {
+    if (unread_ > 0)
         start();
-        return;
-    }
-    becomeIdle();
+    else
+        tellStopped();
 }
 
 void Tunnel::answerServed()
@@ -156,9 +158,10 @@ void Tunnel::fail(const HelperError &error)
 {
     process_.reset();
     watch_.reset();
+    becomeIdle();
     for (const Answer &answer : std::exchange(answers_, {}))
         answer(error);
-    becomeIdle();
+    tellStopped();
 }
 
 void Tunnel::becomeIdle()
@@ -166,6 +169,10 @@ void Tunnel::becomeIdle()
     phase_ = Phase::Idle;
     owner_.reset();
     QFile::remove(QFile::decodeName(paths_.configuration()));
+}
+
+void Tunnel::tellStopped()
+{
     for (const auto &done : std::exchange(stops_, {}))
         done();
 }

@@ -46,6 +46,7 @@ private:
     void answerServed();
     void fail(const HelperError &error);
     void becomeIdle();
+    void tellStopped();
 
     const HelperPaths paths_;
     Phase phase_ = Phase::Idle;

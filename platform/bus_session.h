@@ -39,10 +39,8 @@ public:
 
     [[nodiscard]] bool isIdle() const { return pending_.empty(); }
 
-private slots:
-    void busLost();
-
 private:
+    Q_SLOT void busLost();
     std::optional<MessageError> connectToBus();
     void finished(QDBusPendingCallWatcher *watcher);
     [[nodiscard]] bool invalidates(const QString &error) const;
