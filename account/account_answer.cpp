@@ -31,8 +31,9 @@ AccountAnswer sortAnswer(const HttpResult &result)
     if (result.failed || *result.status < 200 || *result.status > 299)
         return Kind::rejected;
     const bool bodyIsFree = *result.status == noContent || *result.status == resetContent;
-    // Checked before it is read, since the check alone takes hardly any memory for a body of nothing but brackets.
-    const bool isJson = nlohmann::json::accept(result.body.cbegin(), result.body.cend());
+    // Checked before it is read, since the check alone takes hardly any memory for a body of nothing but brackets. The
+    // library takes a zero byte for the end.
+    const bool isJson = !result.body.contains('\0') && nlohmann::json::accept(result.body.cbegin(), result.body.cend());
     if (!isJson)
         return bodyIsFree ? Kind::unreadable : Kind::rejected;
     nlohmann::json document = nlohmann::json::parse(result.body.cbegin(), result.body.cend(), nullptr, false);

@@ -24,6 +24,10 @@ constexpr QLatin1String invalidating[] = {
     "org.freedesktop.DBus.Error.TimedOut"_L1,       "org.freedesktop.systemd1."_L1,
 };
 
+const QString localPath = u"/org/freedesktop/DBus/Local"_s;
+const QString localInterface = u"org.freedesktop.DBus.Local"_s;
+const QString disconnected = u"Disconnected"_s;
+
 QString uniqueName()
 {
     static std::atomic<unsigned> made = 0;
@@ -43,6 +47,8 @@ BusSession::~BusSession()
         delete watcher;
     if (!bus_)
         return;
+    // Answered once Qt's bus thread no longer looks at this object.
+    bus_->disconnect(QString(), localPath, localInterface, disconnected, this, SLOT(busLost()));
     bus_.reset();
     QDBusConnection::disconnectFromBus(name_);
 }
@@ -55,8 +61,7 @@ std::optional<MessageError> BusSession::connectToBus()
         return MessageError{error.name(), error.message()};
     }
     // The bus library's own word to itself that the socket is gone.
-    bus_->connect(QString(), u"/org/freedesktop/DBus/Local"_s, u"org.freedesktop.DBus.Local"_s, u"Disconnected"_s, this,
-                  SLOT(busLost()));
+    bus_->connect(QString(), localPath, localInterface, disconnected, this, SLOT(busLost()));
     return std::nullopt;
 }
 

@@ -69,7 +69,6 @@ QNetworkRequest prepared(const HttpRequest &request)
     made.setTransferTimeout(static_cast<int>(request.idleLimit.count()));
     made.setAttribute(QNetworkRequest::RedirectPolicyAttribute, QNetworkRequest::ManualRedirectPolicy);
     made.setAttribute(QNetworkRequest::Http2AllowedAttribute, false);
-    made.setAttribute(QNetworkRequest::CacheLoadControlAttribute, QNetworkRequest::AlwaysNetwork);
     made.setAttribute(QNetworkRequest::CookieLoadControlAttribute, QNetworkRequest::Manual);
     made.setAttribute(QNetworkRequest::CookieSaveControlAttribute, QNetworkRequest::Manual);
     // A request on a connection that the server has meanwhile given up fails, so only a request that follows at once

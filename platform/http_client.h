@@ -28,7 +28,7 @@ struct HttpResult {
 namespace HttpClient {
 
 /// The largest body, after decompression, that is an answer and not a failure.
-inline constexpr qsizetype largestBody = 4 * 1024 * 1024;
+inline constexpr qsizetype largestBody = qsizetype(4) * 1024 * 1024;
 
 /// Sends the request, once, and returns at once. Main thread. `completion` runs once, later, on the main thread, unless
 /// the process ends first. Up to 20 redirects are followed, to https alone: 301, 302 and 303 turn a post into a get,

@@ -70,11 +70,10 @@ TEST(HttpClient, SaysWhatCameAndSendsEachRequestOnce)
         {"an error page", {response("500 Oh", "<html>")}, 500, false, "<html>"},
         {"a redirect to nowhere", {response("302 Found", "")}, 302, false, ""},
         {"the largest body", {response("200 OK", large)}, 200, false, large},
-        {"too large a body", {response("200 OK", large + 'x'), true}, 200, true, ""},
+        {"too large a body", {response("200 OK", large + 'x')}, 200, true, ""},
         {"a body cut off", {"HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\n{}"}, 200, true, ""},
         {"chunks cut off", {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n2\r\n{}\r\n"}, 200, true, ""},
         {"a body that stalls", {"HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\n{}", true}, 200, true, ""},
-        {"a header that stalls", {"HTTP/1.1 200 OK\r\nContent-", true}, std::nullopt, true, ""},
         {"a header cut off", {"HTTP/1.1 200 OK\r\nContent-"}, std::nullopt, true, ""},
         {"nothing, and no end", {"", true}, std::nullopt, true, ""},
         {"nothing", {""}, std::nullopt, true, ""},
@@ -85,7 +84,7 @@ TEST(HttpClient, SaysWhatCameAndSendsEachRequestOnce)
             const HttpsServer server(always(row.reply));
             HttpRequest request = make(server.address("/"));
             if (row.reply.open && row.failed)
-                request.idleLimit = 500ms;
+                request.idleLimit = 1500ms;
             const HttpResult result = ask(request);
             EXPECT_EQ(result.status, row.status);
             EXPECT_EQ(result.failed, row.failed);

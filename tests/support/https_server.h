@@ -3,12 +3,13 @@
 #include <QByteArray>
 #include <QList>
 
+#include <atomic>
 #include <functional>
-#include <memory>
 #include <mutex>
+#include <thread>
 
+class QEventLoop;
 class QSslSocket;
-class QThread;
 
 /// An HTTPS server on the loopback, in a thread of its own, with one of the launcher's certificates. The first one
 /// makes the process trust the launcher's "trusted" authority, and no other.
@@ -35,7 +36,9 @@ private:
     mutable std::mutex guard_; ///< of the two below
     QList<QByteArray> requests_;
     int connections_ = 0;
-    std::unique_ptr<QThread> thread_;
+    QEventLoop *events_ = nullptr; ///< the thread's
+    std::atomic_bool ending_ = false;
+    std::thread thread_;
 };
 
 /// A whole response with that body.

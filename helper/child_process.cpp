@@ -1,0 +1,140 @@
+#include "child_process.h"
+
+#include "pidfd.h"
+
+#include <QSocketNotifier>
+
+#include <cerrno>
+#include <csignal>
+#include <fcntl.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <vector>
+
+namespace {
+
+constexpr int failureDescriptor = 3;
+
+// Below, what runs in the child until it is another program: only calls that are safe after a fork of a process with
+// threads.
+
+void resetSignals()
+{
+    struct sigaction standard {};
+    standard.sa_handler = SIG_DFL;
+    for (int number = 1; number < NSIG; ++number)
+        ::sigaction(number, &standard, nullptr);
+    sigset_t none;
+    ::sigemptyset(&none);
+    ::sigprocmask(SIG_SETMASK, &none, nullptr);
+}
+
+bool replaceDescriptors(int failure)
+{
+    // Above every number that is taken below, so that neither overwrites the other.
+    const int kept = ::fcntl(failure, F_DUPFD_CLOEXEC, failureDescriptor + 1);
+    const int nothing = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+    if (kept < 0 || nothing < 0)
+        return false;
+    for (int standard = STDIN_FILENO; standard <= STDERR_FILENO; ++standard) {
+        // dup2 onto itself would leave the close-on-exec mark.
+        if (nothing == standard ? ::fcntl(standard, F_SETFD, 0) < 0 : ::dup2(nothing, standard) < 0)
+            return false;
+    }
+    return ::dup3(kept, failureDescriptor, O_CLOEXEC) >= 0 && ::close_range(failureDescriptor + 1, ~0U, 0) == 0;
+}
+
+[[noreturn]] void childMain(char *const *arguments, char *const *environment, pid_t parent, int failure)
+{
+    resetSignals();
+    ::umask(S_IRWXG | S_IRWXO);
+    // The parent may have died before the request to die with it was made.
+    if (::prctl(PR_SET_PDEATHSIG, SIGKILL) == 0 && ::getppid() == parent && ::setsid() > 0 && ::chdir("/") == 0 &&
+        replaceDescriptors(failure)) {
+        failure = failureDescriptor;
+        ::execve(arguments[0], arguments, environment);
+    }
+    const int error = errno;
+    const ssize_t told = ::write(failure, &error, sizeof error);
+    ::_exit(told == sizeof error ? 126 : 127);
+}
+
+// Above, what runs in the child.
+
+} // namespace
+
+std::unique_ptr<ChildProcess> ChildProcess::start(const QList<QByteArray> &command)
+{
+    // Only read by execve, whose type says otherwise for the sake of old C.
+    std::vector<char *> arguments;
+    for (const QByteArray &word : command)
+        arguments.push_back(const_cast<char *>(word.constData()));
+    arguments.push_back(nullptr);
+    char path[] = "PATH=/usr/sbin:/usr/bin:/sbin:/bin";
+    char locale[] = "LC_ALL=C";
+    char *const environment[] = {path, locale, nullptr};
+
+    int ends[2];
+    if (::pipe2(ends, O_CLOEXEC) != 0)
+        return nullptr;
+    const Descriptor failed(ends[0]);
+    Descriptor failure(ends[1]);
+    const pid_t parent = ::getpid();
+    const pid_t child = ::fork();
+    if (child == 0)
+        childMain(arguments.data(), environment, parent, failure.get());
+    if (child < 0)
+        return nullptr;
+    failure.close();
+    Descriptor handle(::pidfd_open(child, 0));
+    int error = handle ? 0 : errno;
+    if (!handle)
+        ::kill(child, SIGKILL);
+    // The end of the pipe is the program's beginning.
+    else if (::read(failed.get(), &error, sizeof error) != sizeof error)
+        error = 0;
+    if (error == 0)
+        return std::unique_ptr<ChildProcess>(new ChildProcess(child, std::move(handle)));
+    ::waitpid(child, nullptr, 0);
+    errno = error;
+    return nullptr;
+}
+
+ChildProcess::ChildProcess(pid_t pid, Descriptor handle) : pid_(pid), handle_(std::move(handle))
+{
+    auto *const notifier = new QSocketNotifier(handle_.get(), QSocketNotifier::Read, this);
+    connect(notifier, &QSocketNotifier::activated, this, [this, notifier] {
+        notifier->setEnabled(false);
+        reap();
+    });
+}
+
+ChildProcess::~ChildProcess()
+{
+    if (reaped_)
+        return;
+    killAll();
+    ::waitpid(pid_, nullptr, 0);
+}
+
+void ChildProcess::signal(int number) const
+{
+    ::pidfd_send_signal(handle_.get(), number, nullptr, 0);
+}
+
+void ChildProcess::killAll() const
+{
+    // Safe by number: until it is reaped, the number is nobody else's.
+    if (!reaped_)
+        ::kill(-pid_, SIGKILL);
+}
+
+void ChildProcess::reap()
+{
+    int status = 0;
+    ::waitpid(pid_, &status, 0);
+    reaped_ = true;
+    constexpr int signalBase = 128;
+    emit ended(WIFSIGNALED(status) ? signalBase + WTERMSIG(status) : WEXITSTATUS(status));
+}

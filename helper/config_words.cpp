@@ -1,0 +1,111 @@
+#include "config_words.h"
+
+namespace {
+
+enum class State { BetweenWords, InWord, InQuotes };
+
+bool isSpace(char c)
+{
+    return c == ' ' || c == '\t' || c == '\r';
+}
+
+bool isControl(char c)
+{
+    const auto byte = static_cast<unsigned char>(c);
+    return (byte < ' ' && c != '\t') || byte == 0x7f;
+}
+
+bool isAscii(char c)
+{
+    return static_cast<unsigned char>(c) < 0x80;
+}
+
+/// The bytes before a comment, cut into words. Sees each byte of the line once, in OpenVPN's own three states.
+class Cutter {
+public:
+    bool take(char c); ///< false at a comment
+    QList<QByteArray> words;
+    State state = State::BetweenWords;
+    void endWord();
+
+private:
+    void begin(char c);
+    QByteArray word_;
+    char quote_ = 0;
+};
+
+void Cutter::endWord()
+{
+    words << word_;
+    word_.clear();
+    state = State::BetweenWords;
+}
+
+void Cutter::begin(char c)
+{
+    const bool quoted = c == '"' || c == '\'';
+    state = quoted ? State::InQuotes : State::InWord;
+    if (quoted)
+        quote_ = c;
+    else
+        word_ += c;
+}
+
+bool Cutter::take(char c)
+{
+    switch (state) {
+    case State::BetweenWords:
+        if (c == '#' || c == ';')
+            return false;
+        if (!isSpace(c))
+            begin(c);
+        return true;
+    case State::InWord:
+        if (isSpace(c))
+            endWord();
+        else
+            word_ += c;
+        return true;
+    case State::InQuotes:
+        if (c == quote_)
+            endWord();
+        else
+            word_ += c;
+        return true;
+    }
+    return true;
+}
+
+} // namespace
+
+std::variant<std::monostate, Reason> ConfigWords::checkLine(QByteArrayView line)
+{
+    if (line.size() > maxLine)
+        return Reason::LineTooLong;
+    if (line.endsWith('\r'))
+        line.chop(1);
+    for (const char c : line)
+        if (isControl(c))
+            return Reason::ControlByte;
+    return {};
+}
+
+std::variant<QList<QByteArray>, Reason> ConfigWords::cut(QByteArrayView line)
+{
+    Cutter cutter;
+    for (const char c : line) {
+        if (!cutter.take(c))
+            break;
+        if (c == '\\')
+            return Reason::Backslash;
+        if (!isAscii(c))
+            return Reason::NotAscii;
+    }
+    if (cutter.state == State::InQuotes)
+        return Reason::UnclosedQuote;
+    if (cutter.state == State::InWord)
+        cutter.endWord();
+    if (cutter.words.size() > maxWords)
+        return Reason::TooManyWords;
+    return cutter.words;
+}

@@ -1,0 +1,37 @@
+#include "config_writer.h"
+
+namespace {
+
+// Inside an unquoted word OpenVPN takes every character but a space for itself, so quotes are for spaces and for what
+// would begin something else. A line that had to quote the same words is then never made longer.
+bool needsQuotes(const QByteArray &value)
+{
+    return value.isEmpty() || value.contains(' ') || value.contains('\t') ||
+           QByteArrayView("#;'").contains(value.front());
+}
+
+QByteArray word(const QByteArray &value)
+{
+    return needsQuotes(value) ? '"' + value + '"' : value;
+}
+
+QByteArray text(const Directive &directive)
+{
+    if (!directive.body.isEmpty() || !directive.inner.isEmpty())
+        return '<' + directive.name + ">\n" + directive.body + canonicalConfiguration(directive.inner) + "</" +
+               directive.name + ">\n";
+    QByteArray line = directive.name;
+    for (const QByteArray &value : directive.values)
+        line += ' ' + word(value);
+    return line + '\n';
+}
+
+} // namespace
+
+QByteArray canonicalConfiguration(const QList<Directive> &directives)
+{
+    QByteArray whole;
+    for (const Directive &directive : directives)
+        whole += text(directive);
+    return whole;
+}

@@ -1,0 +1,25 @@
+#pragma once
+
+#include <unistd.h>
+#include <utility>
+
+/// Owns a file descriptor.
+class Descriptor {
+public:
+    explicit Descriptor(int descriptor = -1) : descriptor_(descriptor) {}
+    ~Descriptor() { close(); }
+    Descriptor(Descriptor &&other) noexcept : descriptor_(std::exchange(other.descriptor_, -1)) {}
+    Descriptor(const Descriptor &) = delete;
+    Descriptor &operator=(const Descriptor &) = delete;
+
+    [[nodiscard]] int get() const { return descriptor_; }
+    explicit operator bool() const { return descriptor_ >= 0; }
+    void close()
+    {
+        if (const int open = std::exchange(descriptor_, -1); open >= 0)
+            ::close(open);
+    }
+
+private:
+    int descriptor_;
+};

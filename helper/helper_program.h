@@ -1,0 +1,7 @@
+#pragma once
+
+#include "helper_paths.h"
+
+/// Offers the helper on the system bus until there is nothing left to do, SIGTERM comes or the bus is lost; a tunnel
+/// is ended first. Returns the program's exit status.
+int helperMain(int argc, char *argv[], const HelperPaths &paths);

@@ -1,0 +1,84 @@
+#include "openvpn_command.h"
+
+#include "descriptor.h"
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+namespace {
+
+/// What a pushed option must begin with. OpenVPN compares text, so a name that takes values ends in a blank, or it
+/// would let pass every longer name too; those without one may stand alone.
+constexpr const char *accepted[] = {
+    "route ",
+    "route-ipv6 ",
+    "route-gateway ",
+    "route-metric ",
+    "redirect-gateway",
+    "redirect-private",
+    "block-ipv6",
+    "ifconfig ",
+    "ifconfig-ipv6 ",
+    "topology ",
+    "dhcp-option DNS ",
+    "dhcp-option DNS6 ",
+    "dhcp-option DOMAIN ",
+    "dhcp-option DOMAIN-SEARCH ",
+    "dns server ",
+    "dns search-domains ",
+    "ping ",
+    "ping-restart ",
+    "ping-exit ",
+    "inactive ",
+    "session-timeout ",
+    "explicit-exit-notify",
+    "peer-id ",
+    "cipher ",
+    "protocol-flags ",
+    "key-derivation ",
+    "auth-token ",
+    "auth-token-user ",
+    "tun-mtu ",
+    "sndbuf ",
+    "rcvbuf ",
+    "push-continuation ",
+};
+
+} // namespace
+
+QList<QByteArray> openvpnCommand(const HelperPaths &paths)
+{
+    QList<QByteArray> command{paths.openvpn,
+                              "--config",
+                              paths.configuration(),
+                              "--script-security",
+                              "2",
+                              "--up",
+                              paths.clientUp,
+                              "--down",
+                              paths.clientDown,
+                              "--management",
+                              "127.0.0.1",
+                              QByteArray::number(managementPort),
+                              "--management-query-passwords"};
+    for (const char *beginning : accepted)
+        command << "--pull-filter"
+                << "accept" << beginning;
+    command << "--pull-filter"
+            << "ignore"
+            << "";
+    return command;
+}
+
+bool managementPortIsFree()
+{
+    const Descriptor probe(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    // As OpenVPN does it: connections of an earlier tunnel that still fade away are no obstacle.
+    const int on = 1;
+    ::setsockopt(probe.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(managementPort);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return ::bind(probe.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
+}

@@ -1,0 +1,13 @@
+#pragma once
+
+#include "helper_paths.h"
+
+#include <QList>
+
+/// OpenVPN's command line, the same for every tunnel. What the server pushes passes only when it is listed there.
+QList<QByteArray> openvpnCommand(const HelperPaths &paths);
+
+constexpr quint16 managementPort = 1337; ///< on 127.0.0.1
+
+/// Whether OpenVPN could listen on the management port now.
+bool managementPortIsFree();

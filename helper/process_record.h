@@ -1,0 +1,17 @@
+#pragma once
+
+#include <QByteArray>
+
+#include <sys/types.h>
+
+/// The note of which process is the tunnel, for the helper that comes after one that died.
+namespace ProcessRecord {
+
+/// Notes the running process `pid` in the file `path`; false when it cannot be written.
+bool write(const QByteArray &path, pid_t pid);
+
+/// Kills the process that the file names, if that very process still runs, and waits for its end, five seconds at the
+/// most. A process that merely got the same number later is left alone.
+void killLeftover(const QByteArray &path);
+
+} // namespace ProcessRecord

@@ -1,0 +1,15 @@
+#pragma once
+
+#include <QByteArray>
+
+/// Files for root's eyes alone.
+namespace RootFile {
+
+/// Makes the folder with mode 0700 if it is missing. False unless it is then a real folder of this user's own with
+/// that mode.
+bool makeFolder(const QByteArray &path);
+
+/// Puts a file with these bytes and mode 0600 in the place of `path`, whole or not at all.
+bool write(const QByteArray &path, const QByteArray &bytes);
+
+} // namespace RootFile

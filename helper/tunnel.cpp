@@ -1,0 +1,188 @@
+#include "tunnel.h"
+
+#include "openvpn_command.h"
+#include "process_record.h"
+#include "root_file.h"
+
+#include <QDir>
+#include <QFile>
+
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <system_error>
+#include <utility>
+
+using namespace std::chrono_literals;
+
+namespace {
+
+constexpr auto patience = 10s;
+
+HelperError internal(const QByteArray &sentence)
+{
+    return {HelperError::Kind::Internal, sentence};
+}
+
+} // namespace
+
+Tunnel::Tunnel(HelperPaths paths) : paths_(std::move(paths)), status_(128 + SIGTERM)
+{
+    patience_.setSingleShot(true);
+    patience_.setInterval(patience);
+    connect(&patience_, &QTimer::timeout, this, [this] { process_->killAll(); });
+    if (QDir(QFile::decodeName(paths_.runFolder)).isEmpty())
+        return;
+    ProcessRecord::killLeftover(paths_.processRecord());
+    restore();
+}
+
+Tunnel::~Tunnel() = default;
+
+void Tunnel::run(uid_t uid, const QByteArray &configuration, Answer answer)
+{
+    const bool idle = phase_ == Phase::Idle;
+    if (idle && !managementPortIsFree()) {
+        answer(HelperError{HelperError::Kind::PortBusy, "Another program uses port 1337 on 127.0.0.1."});
+        return;
+    }
+    if (!RootFile::makeFolder(paths_.runFolder) || !RootFile::write(paths_.configuration(), configuration)) {
+        answer(internal("The configuration cannot be stored."));
+        return;
+    }
+    owner_ = uid;
+    answers_.push_back(std::move(answer));
+    if (idle) {
+        start();
+        return;
+    }
+    ++unread_;
+    if (phase_ == Phase::Running)
+        reload();
+}
+
+void Tunnel::start()
+{
+    unread_ = 0;
+    wasRead_ = false;
+    reloadWhenRead_ = false;
+    if (!managementPortIsFree()) {
+        fail({HelperError::Kind::PortBusy, "Another program uses port 1337 on 127.0.0.1."});
+        return;
+    }
+    watch_ = std::make_unique<ReadWatch>(paths_.runFolder, HelperPaths::configurationName);
+    connect(watch_.get(), &ReadWatch::wasRead, this, &Tunnel::configurationWasRead);
+    process_ = ChildProcess::start(openvpnCommand(paths_));
+    if (!process_) {
+        fail(internal("OpenVPN cannot be started: " +
+                      QByteArray::fromStdString(std::generic_category().message(errno))));
+        return;
+    }
+    phase_ = Phase::Running;
+    connect(process_.get(), &ChildProcess::ended, this, &Tunnel::openvpnEnded);
+    // Without the note OpenVPN still dies with the helper: the kernel sees to it.
+    ProcessRecord::write(paths_.processRecord(), process_->pid());
+}
+
+/// Has OpenVPN read its file again. It must have read the first one: before that it would die of the signal, and
+/// whether it saw the old file or the new one could not be told.
+void Tunnel::reload()
+{
+    if (!wasRead_) {
+        reloadWhenRead_ = true;
+        return;
+    }
+    wasRead_ = false;
+    process_->signal(SIGHUP);
+}
+
+void Tunnel::configurationWasRead()
+{
+    wasRead_ = true;
+    if (std::exchange(reloadWhenRead_, false))
+        reload();
+    else
+        unread_ = 0;
+}
+
+void Tunnel::openvpnEnded(int status)
+{
+    patience_.stop();
+    status_ = status;
+    watch_.reset();
+    restore();
+}
+
+/// OpenVPN has run the script itself unless it was killed; a second run finds nothing to do.
+void Tunnel::restore()
+{
+    phase_ = Phase::Restoring;
+    // Deferred because this may be called from a signal of that very object.
+    if (process_)
+        process_.release()->deleteLater();
+    process_ = ChildProcess::start({paths_.clientDown});
+    if (!process_) {
+        restored();
+        return;
+    }
+    connect(process_.get(), &ChildProcess::ended, this, &Tunnel::restored);
+    patience_.start();
+}
+
+void Tunnel::restored()
+{
+    patience_.stop();
+    if (process_)
+        process_.release()->deleteLater();
+    QFile::remove(QFile::decodeName(paths_.processRecord()));
+    answerServed();
+    if (unread_ > 0) {
+        start();
+        return;
+    }
+    becomeIdle();
+}
+
+void Tunnel::answerServed()
+{
+    const auto served = static_cast<std::ptrdiff_t>(answers_.size() - unread_);
+    std::vector<Answer> now(answers_.begin(), answers_.begin() + served);
+    answers_.erase(answers_.begin(), answers_.begin() + served);
+    for (const Answer &answer : now)
+        answer(status_);
+}
+
+void Tunnel::fail(const HelperError &error)
+{
+    process_.reset();
+    watch_.reset();
+    for (const Answer &answer : std::exchange(answers_, {}))
+        answer(error);
+    becomeIdle();
+}
+
+void Tunnel::becomeIdle()
+{
+    phase_ = Phase::Idle;
+    owner_.reset();
+    QFile::remove(QFile::decodeName(paths_.configuration()));
+    for (const auto &done : std::exchange(stops_, {}))
+        done();
+}
+
+void Tunnel::stop(std::function<void()> done)
+{
+    if (phase_ == Phase::Idle) {
+        done();
+        return;
+    }
+    stops_.push_back(std::move(done));
+    // Whoever waits for a tunnel that was to follow gets the end of this one.
+    unread_ = 0;
+    reloadWhenRead_ = false;
+    if (phase_ != Phase::Running)
+        return;
+    phase_ = Phase::Stopping;
+    process_->signal(SIGTERM);
+    patience_.start();
+}

@@ -1,0 +1,63 @@
+#pragma once
+
+#include "child_process.h"
+#include "helper_error.h"
+#include "helper_paths.h"
+#include "read_watch.h"
+
+#include <QTimer>
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <variant>
+#include <vector>
+
+/// The one OpenVPN of the machine: its start, its take-over by a later request of the same user, its end, and the
+/// cleaning up after it. Main thread; nothing blocks.
+class Tunnel : public QObject {
+    Q_OBJECT
+public:
+    using Answer = std::function<void(const std::variant<int, HelperError> &)>;
+
+    /// Begins by cleaning up what a helper that died has left in the run folder.
+    explicit Tunnel(HelperPaths paths);
+    ~Tunnel() override;
+
+    [[nodiscard]] bool isIdle() const { return phase_ == Phase::Idle; }
+    [[nodiscard]] std::optional<uid_t> owner() const { return owner_; } ///< none while idle
+
+    /// Runs OpenVPN with this configuration for `uid`, or has the one that runs read it anew; its owner must be `uid`.
+    /// `answer` is called once: with the exit status of the OpenVPN that served the request, or with why none did.
+    void run(uid_t uid, const QByteArray &configuration, Answer answer);
+
+    /// Ends OpenVPN: SIGTERM, after ten seconds SIGKILL. `done` is called when everything is cleaned up.
+    void stop(std::function<void()> done);
+
+private:
+    enum class Phase { Idle, Running, Stopping, Restoring };
+
+    void start();
+    void reload();
+    void configurationWasRead();
+    void openvpnEnded(int status);
+    void restore();
+    void restored();
+    void answerServed();
+    void fail(const HelperError &error);
+    void becomeIdle();
+
+    const HelperPaths paths_;
+    Phase phase_ = Phase::Idle;
+    std::optional<uid_t> owner_;
+    std::unique_ptr<ChildProcess> process_; ///< OpenVPN, or the script that restores
+    std::unique_ptr<ReadWatch> watch_;
+    QTimer patience_; ///< with a process that has been asked to end
+    int status_ = 0;  ///< of the last OpenVPN
+
+    std::vector<Answer> answers_; ///< in the order of the requests
+    size_t unread_ = 0;           ///< how many of the last ones wait for their file to be read
+    bool wasRead_ = false;        ///< the file as it is now has been read
+    bool reloadWhenRead_ = false; ///< it was replaced before OpenVPN had read the first one
+    std::vector<std::function<void()>> stops_;
+};

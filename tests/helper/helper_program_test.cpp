@@ -1,0 +1,370 @@
+// The helper as a process of its own on a private bus, with shell scripts in the place of OpenVPN.
+
+#include "private_bus.h"
+#include "scripted_authority.h"
+#include "wait_for.h"
+
+#include <QDBusPendingCallWatcher>
+#include <QDBusPendingReply>
+#include <QDir>
+#include <QFile>
+
+#include <csignal>
+#include <gmock/gmock.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using namespace Qt::StringLiterals;
+using testing::HasSubstr;
+
+namespace {
+
+const QString name = u"com.corvale.macos.helper"_s;
+constexpr char profile[] = "client\ndev tun\nremote vpn.corvale.example 1194\nauth-user-pass\n";
+constexpr uid_t otherUser = 65534; // nobody: the bus turns away users that the system does not know
+
+void write(const QString &path, const QByteArray &bytes, mode_t mode = 0644)
+{
+    QFile::remove(path);
+    QFile file(path);
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+    file.write(bytes);
+    file.close();
+    ASSERT_EQ(::chmod(qPrintable(path), mode), 0);
+}
+
+QByteArray contents(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+/// An orphan may stay a zombie for as long as the machine's first process pleases.
+bool hasEnded(pid_t pid)
+{
+    return contents(u"/proc/%1/cmdline"_s.arg(pid)).isEmpty();
+}
+
+class HelperTest : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        if (::geteuid() != 0)
+            GTEST_SKIP() << "the helper is root's";
+        folder = PrivateBus::folder() + u"/helper"_s;
+        QDir(folder).removeRecursively();
+        QDir().mkpath(folder);
+        // Like client.down, it is run once more by the helper after OpenVPN.
+        write(path(u"client.up"), "#!/bin/sh\n", 0755);
+        write(path(u"client.down"), "#!/bin/sh\necho restored >>" + path(u"restored").toUtf8() + "\n", 0755);
+        write(path(u"profile.ovpn"), profile, 0600);
+        ASSERT_TRUE(bus.start());
+        bus.activate(name, {QStringLiteral(HELPER_UNDER_TEST), path(u"openvpn"), path(u"client.up"),
+                            path(u"client.down"), path(u"run")});
+        QDBusConnection::connectToBus(QDBusConnection::SystemBus, u"test"_s);
+        ASSERT_TRUE(authority.offer(client()));
+        openvpn("trap 'exit 7' TERM; trap 'cat \"$2\" >>" + path(u"reread").toUtf8() + "' HUP; " + readAndStay());
+        ASSERT_EQ(::mkfifo(qPrintable(path(u"gate")), 0600), 0);
+    }
+    void TearDown() override
+    {
+        if (const pid_t pid = helperPid(); pid > 0) {
+            ::kill(pid, SIGTERM);
+            EXPECT_TRUE(waitFor([pid] { return hasEnded(pid); }));
+        }
+        QDBusConnection::disconnectFromBus(u"test"_s);
+    }
+
+    /// Not the shared connection of Qt, which would still mean the bus of an earlier test.
+    static QDBusConnection client() { return QDBusConnection(u"test"_s); }
+    QString path(QStringView file) const { return folder + u'/' + file.toString(); }
+    /// What OpenVPN does this time; "started" is there once it does.
+    void openvpn(const QByteArray &script)
+    {
+        write(path(u"openvpn"), "#!/bin/sh\necho $$ >>" + path(u"started").toUtf8() + "\n" + script + "\n", 0755);
+    }
+    /// The rest of a script: like OpenVPN it has its signals set up before it reads its file, and then runs on.
+    QByteArray readAndStay() const
+    {
+        return "cat \"$2\" >/dev/null; echo >" + path(u"ready").toUtf8() + "; while :; do read -r line <>" +
+               path(u"gate").toUtf8() + "; done";
+    }
+    bool ready() const
+    {
+        return waitFor([&] { return QFile::exists(path(u"ready")); });
+    }
+
+    static QDBusMessage message(const QString &member)
+    {
+        return QDBusMessage::createMethodCall(name, u"/com/corvale/macos/helper"_s, name, member);
+    }
+    static QDBusPendingCall send(const QString &member, const QVariantList &arguments = {})
+    {
+        auto call = message(member);
+        call.setArguments(arguments);
+        return client().asyncCall(call);
+    }
+    QDBusPendingCall run() const
+    {
+        return send(u"runOpenVPN"_s, {path(u"profile.ovpn"), path(u"client.up"), path(u"client.down")});
+    }
+    /// A reply's status, or the last part of an error's name.
+    static std::string outcome(const QDBusPendingCall &call)
+    {
+        QDBusPendingCallWatcher watcher(call);
+        if (!waitFor([&] { return watcher.isFinished(); }))
+            return "no answer";
+        if (watcher.isError())
+            return watcher.error().name().section(u'.', -1).toStdString();
+        return watcher.reply().arguments().value(0).toString().toStdString();
+    }
+    static pid_t helperPid()
+    {
+        auto call = QDBusMessage::createMethodCall(u"org.freedesktop.DBus"_s, u"/"_s, u"org.freedesktop.DBus"_s,
+                                                   u"GetConnectionUnixProcessID"_s);
+        call << name;
+        const QDBusMessage answer = client().call(call);
+        return answer.type() == QDBusMessage::ReplyMessage ? answer.arguments()[0].toInt() : -1;
+    }
+    /// Sends as another user would; the outcome as above.
+    std::string sendAsOther(const QByteArray &memberAndArguments) const
+    {
+        const QByteArray command = "setpriv --reuid=" + QByteArray::number(otherUser) +
+                                   " --clear-groups dbus-send --system --print-reply --dest=com.corvale.macos.helper "
+                                   "/com/corvale/macos/helper com.corvale.macos.helper." +
+                                   memberAndArguments + " >" + path(u"other").toUtf8() + " 2>&1 &";
+        // In the background, because this process answers for polkit meanwhile.
+        write(path(u"other"), "");
+        EXPECT_EQ(std::system(command.constData()), 0);
+        EXPECT_TRUE(waitFor([&] { return contents(path(u"other")).contains('\n'); }));
+        return contents(path(u"other")).toStdString();
+    }
+
+    QString folder;
+    PrivateBus bus;
+    ScriptedAuthority authority;
+};
+
+} // namespace
+
+TEST_F(HelperTest, anyoneMayAskTheVersionWhichIsTheOneInTheExecutable)
+{
+    authority.answer = ScriptedAuthority::Answer::No;
+    const std::string version = outcome(send(u"getVersion"_s));
+    EXPECT_THAT(contents(QStringLiteral(HELPER_TOOL)).toStdString(),
+                HasSubstr("<key>CFBundleVersion</key>\n    <string>" + version + "</string>"));
+    EXPECT_TRUE(authority.asked.isEmpty());
+}
+
+TEST_F(HelperTest, onlyAClearYesOfPolkitLetsAMessagePassAndAnOpenQuestionDelaysNobody)
+{
+    using Answer = ScriptedAuthority::Answer;
+    authority.answer = Answer::Hold;
+    const auto open = run();
+    ASSERT_TRUE(waitFor([&] { return authority.held.size() == 1; }));
+    EXPECT_EQ(authority.flags, 1U); // the person may be asked
+    for (const Answer answer : {Answer::No, Answer::Error, Answer::Unreadable}) {
+        authority.answer = answer;
+        EXPECT_EQ(outcome(run()), "NotAuthorized");
+        EXPECT_EQ(outcome(send(u"killOpenVPN"_s)), "NotAuthorized");
+    }
+    client().unregisterService(u"org.freedesktop.PolicyKit1"_s);
+    EXPECT_EQ(outcome(run()), "NotAuthorized");
+    EXPECT_FALSE(QFile::exists(path(u"started")));
+    EXPECT_EQ(authority.asked.mid(0, 3), QStringList({name + u".run"_s, name + u".run"_s, name + u".kill"_s}));
+
+    openvpn("exit 3");
+    client().send(authority.held[0].createReply(ScriptedAuthority::verdict(true)));
+    EXPECT_EQ(outcome(open), "3");
+}
+
+TEST_F(HelperTest, whatIsUnsafeOrNotListedIsRefusedAndNothingStarts)
+{
+    struct Row {
+        const char *what;
+        std::function<void()> prepare;
+        QString config = u"profile.ovpn"_s;
+        QString up = u"client.up"_s;
+        const char *error = "ConfigUnsafe";
+    };
+    const auto file = [this] { return path(u"bad.ovpn").toUtf8(); };
+    const auto make = [&, this](mode_t mode) { write(path(u"bad.ovpn"), profile, mode); };
+    const Row rows[] = {
+        {"a missing file", [] {}, u"missing.ovpn"_s},
+        {"a link", [&] { ASSERT_EQ(::symlink(qPrintable(path(u"profile.ovpn")), file()), 0); }, u"bad.ovpn"_s},
+        {"a second link",
+         [&] {
+             make(0600);
+             ASSERT_EQ(::link(file(), file() + "2"), 0);
+         },
+         u"bad.ovpn"_s},
+        {"another's file",
+         [&] {
+             make(0644);
+             ASSERT_EQ(::chown(file(), otherUser, 0), 0);
+         },
+         u"bad.ovpn"_s},
+        {"a file the group may write", [&] { make(0660); }, u"bad.ovpn"_s},
+        {"a pipe", [&] { ASSERT_EQ(::mkfifo(file(), 0600), 0); }, u"bad.ovpn"_s},
+        {"a folder", [] {}, u"."_s},
+        {"a huge file",
+         [&] {
+             make(0600);
+             ASSERT_EQ(::truncate(file(), 256 * 1024 + 1), 0);
+         },
+         u"bad.ovpn"_s},
+        {"a directive that runs a program",
+         [&] { write(path(u"bad.ovpn"), QByteArray(profile) + "up /tmp/secret\n", 0600); }, u"bad.ovpn"_s,
+         u"client.up"_s, "ConfigRejected"},
+        {"a changed script", [&] { write(path(u"other.up"), "#!/bin/sh\nid\n", 0755); }, u"profile.ovpn"_s,
+         u"other.up"_s, "ScriptRejected"},
+        {"a missing script", [] {}, u"profile.ovpn"_s, u"missing.up"_s, "ScriptRejected"},
+    };
+    for (const Row &row : rows) {
+        QFile::remove(path(u"bad.ovpn"));
+        QFile::remove(path(u"bad.ovpn2"));
+        row.prepare();
+        const auto call = send(u"runOpenVPN"_s, {path(row.config), path(row.up), path(u"client.down")});
+        EXPECT_EQ(outcome(call), row.error) << row.what;
+        EXPECT_THAT(call.error().message().toStdString(), Not(HasSubstr("secret")));
+    }
+    EXPECT_FALSE(QFile::exists(path(u"started")));
+    EXPECT_FALSE(QFile::exists(path(u"run/openvpn.conf")));
+}
+
+TEST_F(HelperTest, aCopyOfTheScriptsIsAcceptedAndTheReplyIsHowOpenvpnEnded)
+{
+    QFile::copy(path(u"client.up"), path(u"copy.up"));
+    const auto runCopy = [this] {
+        return send(u"runOpenVPN"_s, {path(u"profile.ovpn"), path(u"copy.up"), path(u"client.down")});
+    };
+    struct Row {
+        const char *script;
+        const char *status;
+    };
+    for (const Row &row : {Row{"exit 0", "0"}, {"exit 3", "3"}, {"kill -KILL $$", "137"}, {"kill -SEGV $$", "139"}}) {
+        openvpn(row.script);
+        EXPECT_EQ(outcome(runCopy()), row.status);
+    }
+    EXPECT_EQ(contents(path(u"restored")).count('\n'), 4);
+    EXPECT_TRUE(QDir(path(u"run")).isEmpty());
+
+    QFile::remove(path(u"openvpn"));
+    EXPECT_EQ(outcome(runCopy()), "Internal");
+}
+
+TEST_F(HelperTest, openvpnGetsAFixedCommandAndNothingOfTheHelpersOwnState)
+{
+    openvpn("exec >" + path(u"seen").toUtf8() +
+            "\ntr '\\0' '\\n' </proc/$$/environ; umask; ls /proc/$$/fd | wc -l; while read -r key value; do case $key "
+            "in Sig[BI]*) echo $key $value;; esac; done </proc/$$/status;"
+            "\n[ $(cut -d' ' -f6 /proc/$$/stat) = $$ ] && echo own session; stat -c '%a %u' \"$2\" " +
+            path(u"run").toUtf8() + "; cat \"$2\"; for word; do echo \"<$word>\"; done");
+    ASSERT_EQ(outcome(run()), "0");
+    const std::string seen = contents(path(u"seen")).toStdString();
+    // Four descriptors: the three standard ones, and the script that the shell reads.
+    EXPECT_THAT(seen, testing::StartsWith("PATH=/usr/sbin:/usr/bin:/sbin:/bin\nLC_ALL=C\n0077\n4\n"));
+    EXPECT_THAT(seen, HasSubstr("SigBlk: 0000000000000000\n"));
+    EXPECT_THAT(seen, testing::ContainsRegex("SigIgn: [0-9a-f]{12}0000\n")); // SIGPIPE, above all
+    EXPECT_THAT(seen, HasSubstr("own session\n600 0\n700 0\n"));
+    EXPECT_THAT(seen, HasSubstr("remote vpn.corvale.example 1194\n"));
+    EXPECT_THAT(seen, HasSubstr("<--script-security>\n<2>\n<--up>\n<" + path(u"client.up").toStdString() + ">\n"));
+    EXPECT_THAT(seen, HasSubstr("<--management>\n<127.0.0.1>\n<1337>\n<--management-query-passwords>\n"));
+    EXPECT_THAT(seen, testing::EndsWith("<--pull-filter>\n<ignore>\n<>\n"));
+}
+
+TEST_F(HelperTest, aTakenPortIsReportedAndNothingStarts)
+{
+    const int taken = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(1337);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(::bind(taken, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
+    ASSERT_EQ(::listen(taken, 1), 0);
+    EXPECT_EQ(outcome(run()), "PortBusy");
+    ::close(taken);
+    EXPECT_FALSE(QFile::exists(path(u"started")));
+}
+
+TEST_F(HelperTest, theSameUsersNextRequestHasTheRunningOpenvpnReadTheNewFile)
+{
+    const auto first = run();
+    ASSERT_TRUE(ready());
+    write(path(u"profile.ovpn"), QByteArray(profile) + "verb 4\n", 0600);
+    const auto second = run();
+    ASSERT_TRUE(waitFor([&] { return contents(path(u"reread")).contains("verb 4"); }));
+    EXPECT_EQ(outcome(send(u"killOpenVPN"_s)), "");
+    EXPECT_EQ(outcome(first), "7");
+    EXPECT_EQ(outcome(second), "7");
+    EXPECT_EQ(contents(path(u"started")).count('\n'), 1);
+}
+
+TEST_F(HelperTest, aRequestThatMeetsAnEndingOpenvpnGetsAFreshOne)
+{
+    // It has read its file and dies of the request to read it again.
+    openvpn("trap 'exit 5' HUP; " + readAndStay());
+    const auto first = run();
+    ASSERT_TRUE(ready());
+    openvpn("exit 6");
+    const auto second = run();
+    EXPECT_EQ(outcome(first), "5");
+    EXPECT_EQ(outcome(second), "6");
+}
+
+TEST_F(HelperTest, anotherUserCanNeitherTakeOverNorEndTheTunnel)
+{
+    const auto mine = run();
+    ASSERT_TRUE(ready());
+    EXPECT_THAT(sendAsOther("runOpenVPN string:/x string:/x string:/x"), HasSubstr("Error.Busy"));
+    EXPECT_THAT(sendAsOther("killOpenVPN"), HasSubstr("Error.NotAuthorized"));
+    EXPECT_FALSE(mine.isFinished());
+}
+
+TEST_F(HelperTest, theFilesOfARequestAreReadWithTheRightsOfItsSender)
+{
+    // Root could read it, and it is a file of the right kind: but the sender is neither.
+    EXPECT_THAT(sendAsOther("runOpenVPN string:" + path(u"profile.ovpn").toUtf8() + " string:/x string:/x"),
+                HasSubstr("cannot be opened in the caller's name"));
+}
+
+TEST_F(HelperTest, theTunnelOutlivesTheClientThatAskedForIt)
+{
+    {
+        auto leaving = QDBusConnection::connectToBus(QDBusConnection::SystemBus, u"client"_s);
+        auto call = message(u"runOpenVPN"_s);
+        call << path(u"profile.ovpn") << path(u"client.up") << path(u"client.down");
+        const auto pending = leaving.asyncCall(call);
+        ASSERT_TRUE(ready());
+    }
+    QDBusConnection::disconnectFromBus(u"client"_s);
+    const auto next = run();
+    ASSERT_TRUE(waitFor([&] { return !contents(path(u"reread")).isEmpty(); }));
+    EXPECT_EQ(contents(path(u"started")).count('\n'), 1);
+}
+
+TEST_F(HelperTest, openvpnDiesWithTheHelperAndTheNextHelperCleansUp)
+{
+    const auto lost = run();
+    ASSERT_TRUE(ready());
+    const pid_t tunnel = contents(path(u"started")).trimmed().toInt();
+    ::kill(helperPid(), SIGKILL);
+    EXPECT_EQ(outcome(lost), "NoReply");
+    EXPECT_TRUE(waitFor([&] { return hasEnded(tunnel); }));
+    EXPECT_TRUE(QFile::exists(path(u"run/openvpn.conf")));
+    EXPECT_NE(outcome(send(u"getVersion"_s)), "");
+    EXPECT_TRUE(waitFor([&] { return QDir(path(u"run")).isEmpty() && contents(path(u"restored")).count('\n') == 1; }));
+}
+
+TEST_F(HelperTest, theHelpersEndEndsTheTunnelCleanly)
+{
+    const auto call = run();
+    ASSERT_TRUE(ready());
+    ::kill(helperPid(), SIGTERM);
+    EXPECT_EQ(outcome(call), "7");
+    EXPECT_TRUE(waitFor([&] { return helperPid() < 0; }));
+    EXPECT_EQ(contents(path(u"restored")).count('\n'), 1);
+    EXPECT_TRUE(QDir(path(u"run")).isEmpty());
+}

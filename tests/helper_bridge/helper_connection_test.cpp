@@ -1,0 +1,304 @@
+#include "helper_connection.h"
+
+#include "application_delegate.h"
+#include "background_queue.h"
+#include "message_connection.h"
+#include "private_bus.h"
+#include "wait_for.h"
+
+#include <QTemporaryFile>
+#include <QThread>
+
+#include <fcntl.h>
+#include <future>
+#include <gmock/gmock.h>
+#include <unistd.h>
+
+using namespace Qt::StringLiterals;
+using namespace std::chrono_literals;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::SizeIs;
+using testing::StartsWith;
+
+namespace {
+
+/// What handlers were called with, in order, from whichever thread.
+class Events {
+public:
+    void add(const std::string &event)
+    {
+        const std::scoped_lock lock(guard_);
+        all_.push_back(event);
+        if (QThread::currentThread() == QCoreApplication::instance()->thread())
+            all_.emplace_back("on the main thread");
+    }
+    std::vector<std::string> all() const
+    {
+        const std::scoped_lock lock(guard_);
+        return all_;
+    }
+    bool reach(size_t count) const
+    {
+        return waitFor([&] { return all().size() >= count; });
+    }
+
+private:
+    mutable std::mutex guard_;
+    std::vector<std::string> all_;
+};
+
+/// Standard error, where the system log writes too, for as long as this lives.
+class CapturedLog {
+public:
+    CapturedLog() : before_(::dup(STDERR_FILENO))
+    {
+        file_.open();
+        ::dup2(file_.handle(), STDERR_FILENO);
+    }
+    ~CapturedLog()
+    {
+        ::dup2(before_, STDERR_FILENO);
+        ::close(before_);
+    }
+    bool reach(qsizetype count) const
+    {
+        return waitFor([&] {
+            QFile file(file_.fileName());
+            return file.open(QIODevice::ReadOnly) && file.readAll().count("XPC Connection Invalidated\n") >= count;
+        });
+    }
+
+private:
+    QTemporaryFile file_;
+    const int before_;
+};
+
+class HelperConnectionTest : public testing::Test {
+protected:
+    static constexpr auto name = "com.corvale.macos.helper"_L1;
+
+    void start(const QString &version = u"1.0"_s)
+    {
+        ASSERT_TRUE(bus.start());
+        bus.activate(name, {QStringLiteral(SCRIPTED_HELPER), u'\'' + version + u'\''});
+    }
+
+    std::shared_ptr<HelperProtocol> proxy(const std::shared_ptr<HelperConnection> &connection)
+    {
+        return connection->remoteObjectProxyWithErrorHandler([this](const MessageError &error) {
+            events.add("error " + (error.name + ": "_L1 + error.text).toStdString());
+        });
+    }
+    void askVersion(const std::shared_ptr<HelperConnection> &connection)
+    {
+        proxy(connection)->getVersionWithResponseHandler([this](const QString &version) {
+            events.add("version '" + version.toStdString() + "'");
+        });
+    }
+    void script(const std::shared_ptr<HelperConnection> &connection, const QString &action, const QString &first = {},
+                const QString &second = {})
+    {
+        proxy(connection)->runOpenVPNWithConfig(action, first, second, [this](qint32 status) {
+            events.add("status " + std::to_string(status));
+        });
+    }
+    std::shared_ptr<HelperConnection> watched()
+    {
+        auto connection = std::make_shared<HelperConnection>();
+        connection->setInvalidationHandler([this] { events.add("invalidated"); });
+        connection->resume();
+        return connection;
+    }
+
+    Events events;
+    PrivateBus bus;
+};
+
+} // namespace
+
+TEST_F(HelperConnectionTest, theDelegateKeepsOneConnectionUntilItIsInvalidatedAndThenMakesAFreshOne)
+{
+    const CapturedLog log;
+    ApplicationDelegate delegate;
+    ASSERT_TRUE(bus.start());
+    const auto first = delegate.helperConnection();
+    EXPECT_EQ(delegate.helperConnection(), first);
+
+    askVersion(first);
+    ASSERT_TRUE(log.reach(1));
+    EXPECT_THAT(events.all(), ElementsAre(StartsWith("error org.freedesktop.DBus.Error.ServiceUnknown: ")));
+
+    bus.activate(name, {QStringLiteral(SCRIPTED_HELPER), u"2.0"_s});
+    const auto second = delegate.helperConnection();
+    EXPECT_NE(second, first);
+    askVersion(second);
+    ASSERT_TRUE(events.reach(2));
+    EXPECT_EQ(events.all()[1], "version '2.0'");
+}
+
+TEST_F(HelperConnectionTest, anInvalidationIsLoggedInEveryCaseButClearsOnlyItsOwnConnection)
+{
+    const CapturedLog log;
+    ApplicationDelegate delegate;
+    start();
+    const auto replaced = delegate.helperConnection();
+    delegate.clearHelperConnection();
+    const auto current = delegate.helperConnection();
+    ASSERT_NE(current, replaced);
+    script(replaced, u"error"_s, name + ".Error.NotAuthorized"_L1, u"No."_s);
+    ASSERT_TRUE(log.reach(1));
+    EXPECT_EQ(delegate.helperConnection(), current);
+
+    delegate.clearHelperConnection();
+    script(current, u"error"_s, name + ".Error.NotAuthorized"_L1, u"No."_s);
+    EXPECT_TRUE(log.reach(2)); // the field is empty by now
+}
+
+TEST_F(HelperConnectionTest, aServiceThatNobodyCanActivateFailsTheMessageAndThenInvalidates)
+{
+    ASSERT_TRUE(bus.start());
+    for (const QStringList &command : {QStringList(), {u"/bin/false"_s}, {u"/nonexistent/helper"_s}}) {
+        Events seen;
+        if (!command.isEmpty())
+            bus.activate(name, command);
+        HelperConnection connection;
+        connection.setInvalidationHandler([&seen] { seen.add("invalidated"); });
+        connection.resume();
+        const auto helper =
+            connection.remoteObjectProxyWithErrorHandler([&seen](const MessageError &) { seen.add("error"); });
+        helper->getVersionWithResponseHandler([&seen](const QString &) { seen.add("version"); });
+        ASSERT_TRUE(seen.reach(2));
+        helper->killOpenVPN();
+        ASSERT_TRUE(seen.reach(3));
+        EXPECT_THAT(seen.all(), ElementsAre("error", "invalidated", "error")) << command.value(0).toStdString();
+    }
+}
+
+TEST_F(HelperConnectionTest, errorsArriveUnchangedAndOnlyRefusalsInvalidate)
+{
+    struct Row {
+        QString error;
+        QString text;
+        bool invalidates;
+    };
+    const Row rows[] = {
+        {name + ".Error.NotAuthorized"_L1, u"Not allowed to run “OpenVPN”."_s, true},
+        {u"org.freedesktop.DBus.Error.AccessDenied"_s, u"Policy."_s, true},
+        {name + ".Error.Busy"_L1, u"Another user's tunnel is running."_s, false},
+        {name + ".Error.NotAuthorizedAtAll"_L1, QString(), false},
+        {u"org.freedesktop.DBus.Error.NoReply"_s, u"Went away."_s, false},
+    };
+    start();
+    size_t seen = 0;
+    for (const Row &row : rows) {
+        const auto connection = watched();
+        script(connection, u"error"_s, row.error, row.text);
+        ASSERT_TRUE(events.reach(seen + (row.invalidates ? 2 : 1)));
+        askVersion(connection);
+        ASSERT_TRUE(events.reach(seen + (row.invalidates ? 3 : 2)));
+        const std::string error = "error " + (row.error + u": "_s + row.text).toStdString();
+        EXPECT_EQ(events.all()[seen], error);
+        EXPECT_EQ(events.all()[seen + 1], row.invalidates ? "invalidated" : "version '1.0'");
+        EXPECT_EQ(events.all().back(), row.invalidates ? error : "version '1.0'");
+        seen = events.all().size();
+    }
+}
+
+TEST_F(HelperConnectionTest, aHelperThatDiesFailsItsMessagesAndIsStartedAgainByTheNextOne)
+{
+    start();
+    const auto connection = watched();
+    script(connection, u"hold"_s);
+    script(connection, u"die"_s);
+    ASSERT_TRUE(events.reach(2));
+    askVersion(connection);
+    ASSERT_TRUE(events.reach(3));
+    EXPECT_THAT(events.all(), ElementsAre(StartsWith("error org.freedesktop.DBus.Error.NoReply: "),
+                                          StartsWith("error org.freedesktop.DBus.Error.NoReply: "), "version '1.0'"));
+}
+
+TEST_F(HelperConnectionTest, aBusWhosePolicyForbidsTheMessageInvalidates)
+{
+    bus.configure("<policy context='mandatory'><deny send_destination='com.corvale.macos.helper'/></policy>");
+    start();
+    askVersion(watched());
+    ASSERT_TRUE(events.reach(2));
+    EXPECT_THAT(events.all(),
+                ElementsAre(StartsWith("error org.freedesktop.DBus.Error.AccessDenied: "), "invalidated"));
+}
+
+TEST_F(HelperConnectionTest, theEndOfTheBusFailsEveryPendingMessageAndInvalidatesOnce)
+{
+    start();
+    const auto connection = watched();
+    script(connection, u"hold"_s);
+    script(connection, u"hold"_s);
+    askVersion(connection);
+    ASSERT_TRUE(events.reach(1));
+    bus.kill();
+    ASSERT_TRUE(events.reach(4));
+    askVersion(connection);
+    ASSERT_TRUE(events.reach(5));
+    EXPECT_THAT(events.all(), ElementsAre("version '1.0'", StartsWith("error "), StartsWith("error "), "invalidated",
+                                          StartsWith("error org.freedesktop.DBus.Error.Disconnected: ")));
+}
+
+TEST_F(HelperConnectionTest, aBusThatCannotBeReachedFailsTheMessageAndThenInvalidates)
+{
+    askVersion(watched());
+    ASSERT_TRUE(events.reach(2));
+    EXPECT_THAT(events.all(), ElementsAre(StartsWith("error org.freedesktop.DBus.Error."), "invalidated"));
+}
+
+TEST_F(HelperConnectionTest, messagesAreSentAndAnsweredWhileTheMainThreadIsBlocked)
+{
+    start();
+    const auto connection = watched();
+    std::promise<QString> version;
+    proxy(connection)->getVersionWithResponseHandler([&](const QString &text) { version.set_value(text); });
+    auto answered = version.get_future();
+    ASSERT_EQ(answered.wait_for(20s), std::future_status::ready);
+    EXPECT_EQ(answered.get(), u"1.0"_s);
+}
+
+TEST_F(HelperConnectionTest, aReplyThatCannotBeReadIsAnErrorAndAnEmptyVersionIsAVersion)
+{
+    start(QString());
+    const auto connection = watched();
+    script(connection, u"reply text"_s, u"0"_s);
+    script(connection, u"reply"_s, u"-7"_s);
+    askVersion(connection);
+    ASSERT_TRUE(events.reach(3));
+    EXPECT_THAT(events.all(), ElementsAre(HasSubstr("InvalidSignature"), "status -7", "version ''"));
+}
+
+TEST_F(HelperConnectionTest, aConnectionReleasedOnItsOwnThreadStillDeliversWhatIsUnderWay)
+{
+    start();
+    auto connection = watched();
+    proxy(connection)->getVersionWithResponseHandler([this, connection](const QString &) mutable {
+        script(connection, u"reply"_s, u"5"_s);
+        connection.reset(); // the last handle: the main thread has let go of its own by the time anything answers
+        events.add("released");
+    });
+    connection.reset();
+    ASSERT_TRUE(events.reach(2));
+    EXPECT_THAT(events.all(), ElementsAre("released", "status 5"));
+}
+
+TEST_F(HelperConnectionTest, theEndOfTheProcessEndsAConnectionWhoseReplyNeverComes)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const auto endWithAPendingReply = [this] {
+        start();
+        const auto connection = watched();
+        script(connection, u"hold"_s);
+        askVersion(connection);
+        const bool sent = events.reach(1);
+        const bool ended = BackgroundQueue::finish(20s);
+        bus.kill();
+        std::exit(sent && ended && events.all().size() == 1 ? 0 : 1);
+    };
+    EXPECT_EXIT(endWithAPendingReply(), testing::ExitedWithCode(0), "");
+}

@@ -1,0 +1,68 @@
+// A helper that does what the message says: the stand-in for every way in which the real one may answer or fail.
+
+#include "helper_protocol.h"
+
+#include <QCoreApplication>
+#include <QDBusConnection>
+#include <QDBusMessage>
+#include <QDBusVirtualObject>
+
+#include <cstdlib>
+#include <unistd.h>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+class ScriptedHelper final : public QDBusVirtualObject {
+    Q_OBJECT
+public:
+    explicit ScriptedHelper(QString version) : version_(std::move(version)) {}
+
+    QString introspect(const QString &) const override { return {}; }
+
+    bool handleMessage(const QDBusMessage &message, const QDBusConnection &bus) override
+    {
+        if (message.member() == QLatin1String(HelperNames::getVersion)) {
+            bus.send(message.createReply(version_));
+            return true;
+        }
+        if (message.member() != QLatin1String(HelperNames::runOpenVPN))
+            return false;
+        const QString action = message.arguments().value(0).toString();
+        const QString first = message.arguments().value(1).toString();
+        const QString second = message.arguments().value(2).toString();
+        if (action == "reply"_L1)
+            bus.send(message.createReply(first.toInt()));
+        else if (action == "reply text"_L1)
+            bus.send(message.createReply(first));
+        else if (action == "error"_L1)
+            bus.send(message.createErrorReply(first, second));
+        else if (action == "die"_L1)
+            ::_exit(1);
+        return true; // any other is never answered
+    }
+
+public slots:
+    void busLost() { ::_exit(0); }
+
+private:
+    const QString version_;
+};
+
+} // namespace
+
+int main(int argc, char *argv[])
+{
+    const QCoreApplication application(argc, argv);
+    ScriptedHelper helper(QCoreApplication::arguments().value(1));
+    auto bus = QDBusConnection::systemBus();
+    if (!bus.registerVirtualObject(QLatin1String(HelperNames::path), &helper) ||
+        !bus.registerService(QLatin1String(HelperNames::service)))
+        return EXIT_FAILURE;
+    bus.connect(QString(), u"/org/freedesktop/DBus/Local"_s, u"org.freedesktop.DBus.Local"_s, u"Disconnected"_s,
+                &helper, SLOT(busLost()));
+    return QCoreApplication::exec();
+}
+
+#include "scripted_helper.moc"
