@@ -72,7 +72,7 @@ void AppDelegate::showStatusItem()
     statusItem->show();
 }
 
-bool AppDelegate::applicationShouldHandleReopen(bool)
+bool AppDelegate::applicationShouldHandleReopen(bool) const
 {
     if (window) {
         window->setWindowState(window->windowState() & ~Qt::WindowMinimized);
@@ -83,7 +83,7 @@ bool AppDelegate::applicationShouldHandleReopen(bool)
     return true;
 }
 
-void AppDelegate::onConnectButtonClick()
+void AppDelegate::onConnectButtonClick() const
 {
     if (mainViewController)
         mainViewController->onConnectButtonClick();

@@ -41,10 +41,10 @@ public:
     void applicationWillTerminate() {}
 
     /// Brings the main window, where there is one, back and to the front. Always true.
-    bool applicationShouldHandleReopen(bool hasVisibleWindows);
+    bool applicationShouldHandleReopen(bool hasVisibleWindows) const;
 
     /// The status menu's connect entry: a click on the form's connect button.
-    void onConnectButtonClick();
+    void onConnectButtonClick() const;
 
 private:
     void loadInterface();

@@ -3,6 +3,7 @@
 #include "app_delegate.h"
 #include "background_queue.h"
 #include "quit_signals.h"
+#include "session_bus.h"
 #include "single_instance.h"
 #include "styling.h"
 
@@ -31,6 +32,7 @@ int run(QApplication &application, SingleInstance &instance)
 
 int applicationMain(int &argc, char **argv)
 {
+    SessionBus::leaveWhenSilent();
     QApplication application(argc, argv);
     QApplication::setApplicationName(u"Corvale"_s);
     QApplication::setDesktopFileName(u"corvale"_s);

@@ -94,7 +94,7 @@ void MainViewController::viewDidLoad()
             &MainViewController::openVPNStateDidChange);
 }
 
-void MainViewController::viewDidAppear()
+void MainViewController::viewDidAppear() const
 {
     emailEdit->setCaretColor(QColor::fromRgb(Styling::white));
     passwordEdit->setCaretColor(QColor::fromRgb(Styling::white));
@@ -187,7 +187,7 @@ void MainViewController::endSequence(const QString &message)
     showAlert(message);
 }
 
-void MainViewController::openVPNStateDidChange()
+void MainViewController::openVPNStateDidChange() const
 {
     const QString state = OpenVPNService::shared().state();
     SystemLog::write(state);
@@ -199,28 +199,28 @@ void MainViewController::openVPNStateDidChange()
     }
 }
 
-void MainViewController::showStopped()
+void MainViewController::showStopped() const
 {
     showLook(u"Conectar"_s, u"bg_button"_s, QColor::fromRgb(Styling::grey), true, QColor::fromRgb(Styling::white));
 }
 
-void MainViewController::showConnecting()
+void MainViewController::showConnecting() const
 {
     showLocked(u"Conectando..."_s, u"bg_button"_s, QColor::fromRgb(Styling::grey));
 }
 
-void MainViewController::showConnected()
+void MainViewController::showConnected() const
 {
     showLocked(u"Desconectar"_s, u"bg_button_green"_s, QColor::fromRgb(Styling::white));
 }
 
-void MainViewController::showLocked(const QString &title, const QString &imageName, QColor titleColor)
+void MainViewController::showLocked(const QString &title, const QString &imageName, QColor titleColor) const
 {
     showLook(title, imageName, titleColor, false, QColor::fromRgb(Styling::grey));
 }
 
 void MainViewController::showLook(const QString &title, const QString &imageName, QColor titleColor, bool enabled,
-                                  QColor labelColor)
+                                  QColor labelColor) const
 {
     Styling::setColoredTitle(*connectButton, title, titleColor);
     connectButton->setIcon(Styling::imageNamed(imageName));

@@ -45,16 +45,16 @@ public:
     void onConnectButtonClick();
     void onSignUpButtonClick(); ///< opens the website's price page in the browser
     void onHelpButtonClick();   ///< opens the website's support page in the browser
-    void openVPNStateDidChange();
+    void openVPNStateDidChange() const;
 
     /// Goes on after the sign-in request, which was sent with these two texts.
     void onSignInAnswer(const AccountAnswer &answer, const QString &email, const QString &password);
     /// Goes on after the profile request. Blocks as `OpenVPNService::startOpenVPN` does when the profile is good.
     void onProfileAnswer(const AccountAnswer &answer);
 
-    void showStopped();
-    void showConnecting();
-    void showConnected();
+    void showStopped() const;
+    void showConnecting() const;
+    void showConnected() const;
 
     /// Opens a sheet on the main window, which is shown first where it is hidden. Returns at once. While another sheet
     /// is open the new one waits for its end.
@@ -68,9 +68,10 @@ protected:
 private:
     bool connectOutlets();
     void viewDidLoad();
-    void viewDidAppear();
-    void showLocked(const QString &title, const QString &imageName, QColor titleColor);
-    void showLook(const QString &title, const QString &imageName, QColor titleColor, bool enabled, QColor labelColor);
+    void viewDidAppear() const;
+    void showLocked(const QString &title, const QString &imageName, QColor titleColor) const;
+    void showLook(const QString &title, const QString &imageName, QColor titleColor, bool enabled,
+                  QColor labelColor) const;
     void remember(const QString &email, const QString &password) const;
     void endSequence(const QString &message);
     void showNextAlert();

@@ -21,7 +21,7 @@ bool SingleInstance::claim()
     QDBusConnection bus = QDBusConnection::sessionBus();
     if (!bus.isConnected())
         return true;
-    bus.registerObject(path, this, QDBusConnection::ExportScriptableSlots);
+    bus.registerObject(path, this, QDBusConnection::ExportScriptableInvokables);
     bus.interface()->setTimeout(patience);
     const auto reply = bus.interface()->registerService(name);
     if (!reply.isValid() || reply.value() == QDBusConnectionInterface::ServiceRegistered)

@@ -16,9 +16,8 @@ public:
     /// another one was asked to come back. Blocks for the bus's answers, at most about two seconds.
     bool claim();
 
-public slots:
     /// For the bus: another start of the client.
-    Q_SCRIPTABLE void Activate(const QVariantMap &platformData);
+    Q_SCRIPTABLE Q_INVOKABLE void Activate(const QVariantMap &platformData);
 
 signals:
     void activated(); ///< another start asks for the window

@@ -1,0 +1,66 @@
+#include "session_bus.h"
+
+#include <QByteArray>
+#include <QList>
+
+#include <cerrno>
+#include <cstddef>
+#include <cstring>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr int patience = 500; // ms
+
+QByteArray address()
+{
+    const QByteArray given = qgetenv("DBUS_SESSION_BUS_ADDRESS");
+    return given.isEmpty() ? "unix:path=" + qgetenv("XDG_RUNTIME_DIR") + "/bus" : given;
+}
+
+/// The value of `key` in the first of the addresses; empty when it has none.
+QByteArray value(const QByteArray &addresses, const QByteArray &key)
+{
+    const QByteArray first = addresses.split(';').constFirst();
+    if (!first.startsWith("unix:"))
+        return {};
+    for (const QByteArray &pair : first.mid(5).split(','))
+        if (pair.startsWith(key + '='))
+            return QByteArray::fromPercentEncoding(pair.mid(key.size() + 1));
+    return {};
+}
+
+/// Whether the bus takes the connection `socket` and then lets its greeting go unanswered. A bus that cannot be
+/// reached at all is left to those who ask it: they fail at once.
+bool isSilent(int socket, const sockaddr_un &name, socklen_t size)
+{
+    if (connect(socket, reinterpret_cast<const sockaddr *>(&name), size) != 0)
+        return errno == EAGAIN; // so many are waiting already
+    const QByteArray greeting = QByteArray("\0AUTH EXTERNAL ", 15) + QByteArray::number(getuid()).toHex() + "\r\n";
+    if (send(socket, greeting.constData(), static_cast<size_t>(greeting.size()), MSG_NOSIGNAL) < 0)
+        return false;
+    pollfd answer{socket, POLLIN, 0};
+    return poll(&answer, 1, patience) == 0;
+}
+
+} // namespace
+
+void SessionBus::leaveWhenSilent()
+{
+    const QByteArray path = value(address(), "path");
+    const QByteArray place = path.isEmpty() ? '\0' + value(address(), "abstract") : path;
+    sockaddr_un name{};
+    name.sun_family = AF_UNIX;
+    if (place.size() < 2 || static_cast<size_t>(place.size()) >= sizeof name.sun_path)
+        return;
+    memcpy(name.sun_path, place.constData(), static_cast<size_t>(place.size()));
+    // A name in the abstract space ends where its length says, a path at its zero.
+    const auto size = offsetof(sockaddr_un, sun_path) + static_cast<size_t>(place.size()) + (path.isEmpty() ? 0 : 1);
+    const int socket = ::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (socket >= 0 && isSilent(socket, name, static_cast<socklen_t>(size)))
+        qputenv("DBUS_SESSION_BUS_ADDRESS", "disabled:");
+    close(socket);
+}
