@@ -2,6 +2,7 @@
 
 #include "private_bus.h"
 #include "scripted_authority.h"
+#include "tcp_peer.h"
 #include "wait_for.h"
 
 #include <QDBusPendingCallWatcher>
@@ -11,8 +12,6 @@
 
 #include <csignal>
 #include <gmock/gmock.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -277,15 +276,8 @@ TEST_F(HelperTest, openvpnGetsAFixedCommandAndNothingOfTheHelpersOwnState)
 
 TEST_F(HelperTest, aTakenPortIsReportedAndNothingStarts)
 {
-    const int taken = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(1337);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ASSERT_EQ(::bind(taken, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
-    ASSERT_EQ(::listen(taken, 1), 0);
+    const TCPPeer stranger(1337);
     EXPECT_EQ(outcome(run()), "PortBusy");
-    ::close(taken);
     EXPECT_FALSE(QFile::exists(path(u"started")));
 }
 
