@@ -4,6 +4,7 @@
 #
 # usage: lab/demo.sh [connect|wrong-password|server-late|server-restart|server-reset|rejected|reuse|plain]
 #        lab/demo.sh shell [COMMAND…]    a command (or a shell) inside the machine, its services running
+#        lab/demo.sh check               says whether this system lets the lab be made, and starts nothing
 # MANUAL=1 opens the client on the display that is there and leaves it to the person.
 set -eu
 
@@ -21,8 +22,9 @@ if [ "$(id -u)" -ne 0 ]; then
 fi
 [ -c /dev/net/tun ] || sorry "/dev/net/tun is missing, so OpenVPN could make no tunnel (try: modprobe tun)."
 unshare --mount --net --pid --ipc --fork true 2>/dev/null || sorry "this system does not let root make namespaces."
-[ -f "$repo/build/cmake_install.cmake" ] || sorry "nothing is built yet (try: make build)."
 [ -z "${MANUAL:-}" ] || [ -n "${DISPLAY:-}" ] || sorry "MANUAL=1 needs a display, and DISPLAY is not set."
+[ "${1:-}" != check ] || exit 0
+[ -f "$repo/build/cmake_install.cmake" ] || sorry "nothing is built yet (try: make build)."
 for tool in openvpn Xvfb xprop tint2 dbus-daemon openssl ip ping convert setpriv; do
     command -v "$tool" >/dev/null || sorry "the program $tool is missing (try: make packages)."
 done
