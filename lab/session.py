@@ -10,6 +10,7 @@ import threading
 import time
 
 HERE = pathlib.Path(__file__).parent
+PERSONAL = pathlib.Path("/run/lab/person")  # what the person runs and reads herself
 PICTURES = HERE.parent / "build" / "demo"
 LOGS = pathlib.Path("/var/log/lab")
 
@@ -78,7 +79,7 @@ class Session:
             # The panel waits for these, which a window manager would set.
             for name, value in (("_NET_NUMBER_OF_DESKTOPS", "1"), ("_NET_CURRENT_DESKTOP", "0")):
                 self.run("xprop", "-root", "-f", name, "32c", "-set", name, value).wait()
-            self.run("tint2", "-c", str(HERE / "tint2rc"))
+            self.run("tint2", "-c", str(PERSONAL / "tint2rc"))
 
     def _start_screen(self):
         self.environment |= {"DISPLAY": ":7", "LAB_OWN_SCREEN": "1"}
@@ -125,7 +126,7 @@ class Person:
     def __init__(self, session):
         self.titles = []
         self.answers = queue.Queue()
-        self.program = session.program("/usr/bin/python3", "-B", str(HERE / "person.py"), on_line=self._hear)
+        self.program = session.program("/usr/bin/python3", "-B", str(PERSONAL / "person.py"), on_line=self._hear)
         self._answer(20)
 
     def _hear(self, line):
