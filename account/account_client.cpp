@@ -1,6 +1,7 @@
 #include "account_client.h"
 
 #include "constant.h"
+#include "exact_text.h"
 #include "http_client.h"
 #include "openvpn_service.h"
 #include "private_file.h"
@@ -29,7 +30,7 @@ std::optional<QString> stringMember(const AccountAnswer::Document &document, con
     const auto member = document->find(name);
     if (member == document->end() || !member->is_string())
         return std::nullopt;
-    return QString::fromStdString(member->get_ref<const std::string &>());
+    return exactText(member->get_ref<const std::string &>());
 }
 
 } // namespace

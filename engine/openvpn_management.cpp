@@ -1,11 +1,10 @@
 #include "openvpn_management.h"
 
 #include "background_queue.h"
+#include "exact_text.h"
 #include "management_lines.h"
 #include "openvpn_service.h"
 #include "standard_output.h"
-
-#include <QString>
 
 using namespace std::chrono_literals;
 
@@ -75,5 +74,5 @@ void OpenVPNManagement::parseLine(QByteArrayView line)
 void OpenVPNManagement::handleState(QByteArrayView rest)
 {
     if (const auto name = ManagementLines::stateName(rest))
-        OpenVPNService::shared().updateState(QString::fromUtf8(*name));
+        OpenVPNService::shared().updateState(exactText(*name));
 }

@@ -49,8 +49,9 @@ bool replaceDescriptors(int failure)
 {
     resetSignals();
     ::umask(S_IRWXG | S_IRWXO);
-    // The parent may have died before the request to die with it was made.
-    if (::prctl(PR_SET_PDEATHSIG, SIGKILL) == 0 && ::getppid() == parent && ::setsid() > 0 && ::chdir("/") == 0 &&
+    // To end with the helper, and in good order: killed, OpenVPN would leave its routes behind. The parent may have
+    // died before the request was made.
+    if (::prctl(PR_SET_PDEATHSIG, SIGTERM) == 0 && ::getppid() == parent && ::setsid() > 0 && ::chdir("/") == 0 &&
         replaceDescriptors(failure)) {
         failure = failureDescriptor;
         ::execve(arguments[0], arguments, environment);

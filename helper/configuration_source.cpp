@@ -10,6 +10,7 @@
 #include <optional>
 #include <poll.h>
 #include <pwd.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -76,7 +77,8 @@ Found judge(const struct stat &status, const Job &job)
 
 Found readInto(const Job &job, size_t &length)
 {
-    if (!becomeCaller(job.caller))
+    // The wish to die with the helper ends with a change of user, so it comes after it.
+    if (!becomeCaller(job.caller) || ::prctl(PR_SET_PDEATHSIG, SIGKILL) != 0)
         return Found::NoRights;
     const int file = ::open(job.path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
     struct stat status {};
@@ -97,6 +99,12 @@ Found readInto(const Job &job, size_t &length)
 
 [[noreturn]] void childMain(const Job &job, int answer)
 {
+    // A child that hangs in a caller's file system must hold nothing of the helper's: the bus would take its copy of
+    // the socket for a helper that still lives.
+    constexpr int kept = 3;
+    if (::dup2(answer, kept) < 0 || ::close_range(kept + 1, ~0U, 0) != 0)
+        ::_exit(1);
+    answer = kept;
     size_t length = 0;
     const auto found = static_cast<char>(readInto(job, length));
     if (::write(answer, &found, 1) != 1)

@@ -32,6 +32,7 @@ bool HelperService::offer()
 
 void HelperService::finish()
 {
+    ending_ = true;
     tunnel_.stop([this] { emit finished(); });
 }
 
@@ -73,6 +74,10 @@ void HelperService::run(const QDBusMessage &message)
 
 void HelperService::authorizedToRun(const QDBusMessage &message, uid_t uid)
 {
+    if (ending_) {
+        answer(errorReply(message, {HelperError::Kind::Internal, "The helper is ending."}));
+        return;
+    }
     if (tunnel_.owner() && tunnel_.owner() != uid) {
         answer(errorReply(message, {HelperError::Kind::Busy, "Another user's tunnel is running."}));
         return;

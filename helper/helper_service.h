@@ -40,6 +40,7 @@ private:
     const HelperPaths paths_;
     Authority authority_;
     Tunnel tunnel_;
-    int open_ = 0; ///< messages that have no answer yet
+    int open_ = 0;        ///< messages that have no answer yet
+    bool ending_ = false; ///< no tunnel is started any more
     QTimer idle_;
 };

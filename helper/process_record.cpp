@@ -46,8 +46,13 @@ void ProcessRecord::killLeftover(const QByteArray &path)
     const Descriptor process(::pidfd_open(pid, 0));
     if (!process || words[1].isEmpty() || startTime(pid) != words[1])
         return;
-    ::pidfd_send_signal(process.get(), SIGKILL, nullptr, 0);
-    constexpr int patience = 5000; // ms
+    // It has been told to end when its helper died; it may still be taking back its routes.
     pollfd watched{process.get(), POLLIN, 0};
-    ::poll(&watched, 1, patience);
+    constexpr int patience = 4000;     // ms
+    constexpr int lastPatience = 1000; // ms
+    ::pidfd_send_signal(process.get(), SIGTERM, nullptr, 0);
+    if (::poll(&watched, 1, patience) > 0)
+        return;
+    ::pidfd_send_signal(process.get(), SIGKILL, nullptr, 0);
+    ::poll(&watched, 1, lastPatience);
 }

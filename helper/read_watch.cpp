@@ -7,9 +7,11 @@
 #include <utility>
 
 ReadWatch::ReadWatch(const QByteArray &folder, QByteArray name)
-    : name_(std::move(name)), events_(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK))
+    : name_(std::move(name)),
+      events_(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK)),
+      watching_(events_ && ::inotify_add_watch(events_.get(), folder.constData(), IN_CLOSE_NOWRITE) >= 0)
 {
-    if (!events_ || ::inotify_add_watch(events_.get(), folder.constData(), IN_CLOSE_NOWRITE) < 0)
+    if (!watching_)
         return;
     auto *const notifier = new QSocketNotifier(events_.get(), QSocketNotifier::Read, this);
     connect(notifier, &QSocketNotifier::activated, this, &ReadWatch::take);

@@ -9,9 +9,11 @@
 class ReadWatch : public QObject {
     Q_OBJECT
 public:
-    /// Watches the file `name` in `folder`, which must exist, through every replacement of the file. Nothing is ever
-    /// noticed when the kernel grants no watch.
+    /// Watches the file `name` in `folder`, which must exist, through every replacement of the file.
     ReadWatch(const QByteArray &folder, QByteArray name);
+
+    /// False when the kernel grants no watch; then nothing is ever noticed.
+    [[nodiscard]] bool isWatching() const { return watching_; }
 
 signals:
     void wasRead();
@@ -21,4 +23,5 @@ private:
 
     const QByteArray name_;
     const Descriptor events_;
+    const bool watching_;
 };

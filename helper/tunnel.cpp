@@ -18,6 +18,7 @@ using namespace std::chrono_literals;
 namespace {
 
 constexpr auto patience = 10s;
+constexpr auto reloadAgain = 100ms;
 
 HelperError internal(const QByteArray &sentence)
 {
@@ -31,6 +32,8 @@ Tunnel::Tunnel(HelperPaths paths) : paths_(std::move(paths)), status_(128 + SIGT
     patience_.setSingleShot(true);
     patience_.setInterval(patience);
     connect(&patience_, &QTimer::timeout, this, [this] { process_->killAll(); });
+    reloading_.setInterval(reloadAgain);
+    connect(&reloading_, &QTimer::timeout, this, [this] { process_->signal(SIGHUP); });
     if (QDir(QFile::decodeName(paths_.runFolder)).isEmpty())
         return;
     ProcessRecord::killLeftover(paths_.processRecord());
@@ -71,6 +74,10 @@ void Tunnel::start()
         return;
     }
     watch_ = std::make_unique<ReadWatch>(paths_.runFolder, HelperPaths::configurationName);
+    if (!watch_->isWatching()) {
+        fail(internal("The configuration cannot be watched."));
+        return;
+    }
     connect(watch_.get(), &ReadWatch::wasRead, this, &Tunnel::configurationWasRead);
     process_ = ChildProcess::start(openvpnCommand(paths_));
     if (!process_) {
@@ -84,21 +91,23 @@ void Tunnel::start()
     ProcessRecord::write(paths_.processRecord(), process_->pid());
 }
 
-/// Has OpenVPN read its file again. It must have read the first one: before that it would die of the signal, and
-/// whether it saw the old file or the new one could not be told.
+/// Has OpenVPN read its file again. It must have read what it is reading: before its first file it would die of the
+/// signal, and whether it saw the old file or the new one could not be told.
 void Tunnel::reload()
 {
-    if (!wasRead_) {
+    if (!wasRead_ || reloading_.isActive()) {
         reloadWhenRead_ = true;
         return;
     }
-    wasRead_ = false;
+    // OpenVPN ignores the signal while it reads its file and for some milliseconds after, so one may be lost.
     process_->signal(SIGHUP);
+    reloading_.start();
 }
 
 void Tunnel::configurationWasRead()
 {
     wasRead_ = true;
+    reloading_.stop();
     if (std::exchange(reloadWhenRead_, false))
         reload();
     else
@@ -108,6 +117,7 @@ void Tunnel::configurationWasRead()
 void Tunnel::openvpnEnded(int status)
 {
     patience_.stop();
+    reloading_.stop();
     status_ = status;
     watch_.reset();
     restore();
@@ -139,10 +149,12 @@ void Tunnel::restored()
     if (unread_ == 0)
         becomeIdle();
     answerServed();
+    // A request that came after the one to stop is served too, but nobody waits for its end.
+    const auto stops = std::exchange(stops_, {});
     if (unread_ > 0)
         start();
-    else
-        tellStopped();
+    for (const auto &done : stops)
+        done();
 }
 
 void Tunnel::answerServed()
@@ -187,6 +199,7 @@ void Tunnel::stop(std::function<void()> done)
     // Whoever waits for a tunnel that was to follow gets the end of this one.
     unread_ = 0;
     reloadWhenRead_ = false;
+    reloading_.stop();
     if (phase_ != Phase::Running)
         return;
     phase_ = Phase::Stopping;

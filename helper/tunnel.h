@@ -14,13 +14,14 @@
 #include <vector>
 
 /// The one OpenVPN of the machine: its start, its take-over by a later request of the same user, its end, and the
-/// cleaning up after it. Main thread; nothing blocks.
+/// cleaning up after it. Main thread; nothing blocks but the beginning.
 class Tunnel : public QObject {
     Q_OBJECT
 public:
     using Answer = std::function<void(const std::variant<int, HelperError> &)>;
 
-    /// Begins by cleaning up what a helper that died has left in the run folder.
+    /// Begins by cleaning up what a helper that died has left in the run folder. Blocks for as long as an OpenVPN that
+    /// is left takes to end, five seconds at the most.
     explicit Tunnel(HelperPaths paths);
     ~Tunnel() override;
 
@@ -53,12 +54,13 @@ private:
     std::optional<uid_t> owner_;
     std::unique_ptr<ChildProcess> process_; ///< OpenVPN, or the script that restores
     std::unique_ptr<ReadWatch> watch_;
-    QTimer patience_; ///< with a process that has been asked to end
-    int status_ = 0;  ///< of the last OpenVPN
+    QTimer patience_;  ///< with a process that has been asked to end
+    QTimer reloading_; ///< runs from the request to read the file again until it is read
+    int status_ = 0;   ///< of the last OpenVPN
 
     std::vector<Answer> answers_; ///< in the order of the requests
     size_t unread_ = 0;           ///< how many of the last ones wait for their file to be read
-    bool wasRead_ = false;        ///< the file as it is now has been read
-    bool reloadWhenRead_ = false; ///< it was replaced before OpenVPN had read the first one
+    bool wasRead_ = false;        ///< this OpenVPN has read a file
+    bool reloadWhenRead_ = false; ///< the file was replaced while OpenVPN had yet to read one
     std::vector<std::function<void()>> stops_;
 };

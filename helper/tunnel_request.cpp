@@ -3,10 +3,13 @@
 #include "config_reader.h"
 #include "config_writer.h"
 #include "configuration_source.h"
+#include "system_log.h"
 
 #include <QFile>
 
 #include <optional>
+
+using namespace Qt::StringLiterals;
 
 namespace {
 
@@ -48,5 +51,9 @@ std::variant<QByteArray, HelperError> acceptedConfiguration(uid_t uid, const Tun
         return *std::move(refused);
     if (auto refused = judgeScript(caller, request.clientDown, paths.clientDown))
         return *std::move(refused);
-    return canonicalConfiguration(std::get<Configuration>(configuration).directives);
+    const auto &accepted = std::get<Configuration>(configuration);
+    for (const Directive &dropped : accepted.dropped)
+        SystemLog::write(
+            u"Configuration: line %1, \"%2\" is left out."_s.arg(dropped.line).arg(QLatin1String(dropped.name)));
+    return canonicalConfiguration(accepted.directives);
 }

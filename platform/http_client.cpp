@@ -155,7 +155,9 @@ void Exchange::onFinished()
         return complete({std::nullopt, true});
     if (isRedirect(status.toInt()) && !location.isEmpty() && redirects_ < mostRedirects) {
         HttpRequest next = redirected(request_, status.toInt(), location);
-        if (next.url.scheme() == "https"_L1) {
+        // What is posted is as secret as a token: the answer of one origin does not send it to another.
+        const bool bodyLeaves = next.method == HttpRequest::Method::post && !sameOrigin(request_.url, next.url);
+        if (next.url.scheme() == "https"_L1 && !bodyLeaves) {
             ++redirects_;
             request_ = std::move(next);
             return start();

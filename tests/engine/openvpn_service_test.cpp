@@ -142,16 +142,17 @@ TEST(OpenVPNService, GivesUpAfterEightAttemptsWithAPauseAfterEach)
 TEST(OpenVPNService, SendsTheOpeningCommandsAsSoonAsThePortIsOpen)
 {
     Output output;
+    // The port opens during a pause, as OpenVPN's does: the start must find it at the next attempt.
     std::unique_ptr<TCPPeer> peer;
     std::thread late([&] {
-        std::this_thread::sleep_for(450ms); // into the second pause
+        std::this_thread::sleep_for(450ms);
         peer = std::make_unique<TCPPeer>(managementPort);
     });
     const auto begin = std::chrono::steady_clock::now();
     preparedService().startOpenVPN();
     const auto span = std::chrono::steady_clock::now() - begin;
     late.join();
-    EXPECT_GE(span, 600ms);
+    EXPECT_GE(span, 2 * 300ms);
     EXPECT_LT(span, 2s);
     EXPECT_TRUE(waitFor([&] { return peer->received() == openingCommands; })) << peer->received().constData();
     QByteArray echoes = openingCommands;

@@ -64,7 +64,7 @@ protected:
                             path(u"client.down"), path(u"run")});
         QDBusConnection::connectToBus(QDBusConnection::SystemBus, u"test"_s);
         ASSERT_TRUE(authority.offer(client()));
-        openvpn("trap 'exit 7' TERM; trap 'cat \"$2\" >>" + path(u"reread").toUtf8() + "' HUP; " + readAndStay());
+        openvpn("trap 'exit 7' TERM; " + readAndStay("cat \"$2\" >>" + path(u"reread").toUtf8()));
         ASSERT_EQ(::mkfifo(qPrintable(path(u"gate")), 0600), 0);
     }
     void TearDown() override
@@ -84,11 +84,12 @@ protected:
     {
         write(path(u"openvpn"), "#!/bin/sh\necho $$ >>" + path(u"started").toUtf8() + "\n" + script + "\n", 0755);
     }
-    /// The rest of a script: like OpenVPN it has its signals set up before it reads its file, and then runs on.
-    QByteArray readAndStay() const
+    /// The rest of a script: like OpenVPN it ignores SIGHUP while it reads its file and for a moment after, and runs
+    /// on.
+    QByteArray readAndStay(const QByteArray &onReload) const
     {
-        return "cat \"$2\" >/dev/null; echo >" + path(u"ready").toUtf8() + "; while :; do read -r line <>" +
-               path(u"gate").toUtf8() + "; done";
+        return "trap '' HUP; cat \"$2\" >/dev/null; sleep 0.05; trap '" + onReload + "' HUP; echo >" +
+               path(u"ready").toUtf8() + "; while :; do read -r line <>" + path(u"gate").toUtf8() + "; done";
     }
     bool ready() const
     {
@@ -294,10 +295,22 @@ TEST_F(HelperTest, theSameUsersNextRequestHasTheRunningOpenvpnReadTheNewFile)
     EXPECT_EQ(contents(path(u"started")).count('\n'), 1);
 }
 
+TEST_F(HelperTest, aRequestThatComesWhileOpenvpnReadsItsFirstFileHasItReadTheNewOne)
+{
+    const auto first = run();
+    ASSERT_TRUE(waitFor([&] { return QFile::exists(path(u"started")); }));
+    write(path(u"profile.ovpn"), QByteArray(profile) + "verb 4\n", 0600);
+    const auto second = run();
+    EXPECT_TRUE(waitFor([&] { return contents(path(u"reread")).contains("verb 4"); }));
+    EXPECT_EQ(outcome(send(u"killOpenVPN"_s)), "");
+    EXPECT_EQ(outcome(second), "7");
+    EXPECT_EQ(contents(path(u"started")).count('\n'), 1) << "the end of a tunnel started another";
+}
+
 TEST_F(HelperTest, aRequestThatMeetsAnEndingOpenvpnGetsAFreshOne)
 {
     // It has read its file and dies of the request to read it again.
-    openvpn("trap 'exit 5' HUP; " + readAndStay());
+    openvpn(readAndStay("exit 5"));
     const auto first = run();
     ASSERT_TRUE(ready());
     openvpn("exit 6");
@@ -339,6 +352,7 @@ TEST_F(HelperTest, theTunnelOutlivesTheClientThatAskedForIt)
 
 TEST_F(HelperTest, openvpnDiesWithTheHelperAndTheNextHelperCleansUp)
 {
+    const std::string version = outcome(send(u"getVersion"_s));
     const auto lost = run();
     ASSERT_TRUE(ready());
     const pid_t tunnel = contents(path(u"started")).trimmed().toInt();
@@ -346,7 +360,7 @@ TEST_F(HelperTest, openvpnDiesWithTheHelperAndTheNextHelperCleansUp)
     EXPECT_EQ(outcome(lost), "NoReply");
     EXPECT_TRUE(waitFor([&] { return hasEnded(tunnel); }));
     EXPECT_TRUE(QFile::exists(path(u"run/openvpn.conf")));
-    EXPECT_NE(outcome(send(u"getVersion"_s)), "");
+    EXPECT_EQ(outcome(send(u"getVersion"_s)), version);
     EXPECT_TRUE(waitFor([&] { return QDir(path(u"run")).isEmpty() && contents(path(u"restored")).count('\n') == 1; }));
 }
 

@@ -70,6 +70,7 @@ TEST_F(ScriptsTest, whatTheServerPushedIsUsedUntilTheTunnelGoesDown)
         {"foreign_option_1='dhcp-option DNS `touch evaluated`' foreign_option_2='dhcp-option DNS *'", original},
         {"foreign_option_1='dhcp-option DNS 10.8.0.1\nnameserver 6.6.6.6'", original},
         {"dns_server_1_address_1='10.8.0.1;touch evaluated'", original},
+        {"foreign_option_1='dhcp-option DNS 999.1.1.1'", original},
     };
     for (const Row &row : rows) {
         EXPECT_EQ(inside("env dev=tun0 " + QByteArray(row.environment) +
@@ -88,6 +89,17 @@ TEST_F(ScriptsTest, aSecondTunnelAfterACrashDoesNotTakeTheFirstOnesServersForThe
                      "env foreign_option_1='dhcp-option DNS 10.9.0.1' UP; cat /etc/resolv.conf >during; DOWN; DOWN"),
               0);
     EXPECT_EQ(read("during"), "nameserver 10.9.0.1\noptions edns0\n");
+    EXPECT_EQ(read("resolv.conf"), original);
+}
+
+TEST_F(ScriptsTest, aWayThatFailsIsTakenBackBeforeTheNextIsTried)
+{
+    write("resolvconf", "#!/bin/sh\n[ $1 = -d ]\n");
+    EXPECT_EQ(inside("mount -t tmpfs none /usr/sbin\n"
+                     "cp resolvconf /usr/sbin/resolvconf; chmod 755 /usr/sbin/resolvconf\n"
+                     "env dev=tun3 foreign_option_1='dhcp-option DNS 10.8.0.1' UP; cat /etc/resolv.conf >during; DOWN"),
+              0);
+    EXPECT_EQ(read("during"), "nameserver 10.8.0.1\noptions edns0\n");
     EXPECT_EQ(read("resolv.conf"), original);
 }
 

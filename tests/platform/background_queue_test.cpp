@@ -32,8 +32,6 @@ TEST(BackgroundQueue, RunsWorkAtALowerPriorityAndLeavesTheCallersAlone)
 }
 
 // The queue cannot be used again after its end, so each end happens in a process of its own.
-using BackgroundQueueDeathTest = testing::Test;
-
 TEST(BackgroundQueueDeathTest, WakesSleepersAtTheEndAndTakesNoMoreWork)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");

@@ -157,7 +157,13 @@ TEST(HttpClient, ARedirectKeepsTheTokenAtItsOriginAndTheMethodWhereItsStatusSays
             });
             HttpRequest request = post(server.address("/from"));
             request.authorization = "Bearer x";
-            EXPECT_EQ(ask(request).body, elsewhere ? "there" : "here");
+            const HttpResult result = ask(request);
+            if (elsewhere && row.body) {
+                EXPECT_EQ(result.body, "moved");
+                EXPECT_THAT(other.requests(), IsEmpty()) << "a body stays at its origin, as a token does";
+                continue;
+            }
+            EXPECT_EQ(result.body, elsewhere ? "there" : "here");
             const QByteArray last = elsewhere ? other.requests().value(0) : server.requests().value(1);
             EXPECT_THAT(last.toStdString(), StartsWith(row.line));
             EXPECT_EQ(last.endsWith("\r\n\r\nbody"), row.body);
