@@ -201,6 +201,7 @@ TEST_F(FormTest, ThePointerIsAHandOverEveryButton)
             ++seen;
         }
     EXPECT_EQ(seen, 5);
+    EXPECT_NE(form().emailEdit->cursor().shape(), Qt::PointingHandCursor);
     closeAlert();
 }
 
