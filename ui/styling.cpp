@@ -15,7 +15,7 @@ namespace {
 
 constexpr QRgb raised = 0xFF323742;    // buttons and menus, a little above the background
 constexpr QRgb highlight = 0xFF1C8455; // the green of the connected button, dark enough for white text
-constexpr QRgb faint = 0xFF6B6F78;     // what cannot be used now
+constexpr QRgb faint = 0xFF868990;     // what cannot be used now
 
 /// Alerts and whatever else Qt makes itself have buttons too, so they are caught where all of them pass.
 class PointingHand final : public QObject {

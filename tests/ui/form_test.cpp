@@ -173,6 +173,7 @@ TEST_F(FormTest, AlertsAreSheetsThatWaitForEachOther)
     form().showAlert(u"first & <b>only</b>"_s);
     form().showAlert(u"second"_s);
     ASSERT_TRUE(waitFor([] { return alert() != nullptr; }));
+    EXPECT_EQ(delegate_->window->findChildren<QMessageBox *>().size(), 1);
     EXPECT_TRUE(delegate_->window->isVisible());
 
     QMessageBox &box = *alert();
@@ -200,6 +201,7 @@ TEST_F(FormTest, ThePointerIsAHandOverEveryButton)
             ++seen;
         }
     EXPECT_EQ(seen, 5);
+    EXPECT_NE(form().emailEdit->cursor().shape(), Qt::PointingHandCursor);
     closeAlert();
 }
 
