@@ -1,6 +1,7 @@
 #include "configuration_source.h"
 
 #include "descriptor.h"
+#include "pidfd.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -144,8 +145,12 @@ void bury(pid_t child)
 {
     static std::vector<pid_t> dying;
     ::kill(child, SIGKILL);
+    const Descriptor process(::pidfd_open(child, 0));
+    pollfd watched{process.get(), POLLIN, 0};
+    constexpr int deathLasts = 100; // ms
+    ::poll(&watched, 1, deathLasts);
     dying.push_back(child);
-    std::erase_if(dying, [](pid_t process) { return ::waitpid(process, nullptr, WNOHANG) != 0; });
+    std::erase_if(dying, [](pid_t one) { return ::waitpid(one, nullptr, WNOHANG) != 0; });
 }
 
 } // namespace

@@ -87,9 +87,9 @@ TEST(AccountClient, SignInPostsExactlyTheTwoTextsAsTyped)
 TEST(AccountClient, TheProfileIsAskedForWithTheTokenAndNothingKeptFromBefore)
 {
     const HttpsServer server(
-        [](const QByteArray &) {
+        [](const QByteArray &request) {
             return HttpsServer::Reply{response("200 OK", R"({"config":"client\n"})", "Set-Cookie: a=b; Path=/\r\n"),
-                                      true};
+                                      !request.contains("Connection: close\r\n")};
         },
         "good", https);
     EXPECT_EQ(signIn(u"a"_s, u"b"_s).kind(), Kind::success);
@@ -98,6 +98,9 @@ TEST(AccountClient, TheProfileIsAskedForWithTheTokenAndNothingKeptFromBefore)
     EXPECT_THAT(fields(server.requests().value(1)),
                 UnorderedElementsAre("GET /api/profile?country_code=CO HTTP/1.1", "Host: api.corvale.example",
                                      "Authorization: Bearer to.ke-n="));
+    EXPECT_EQ(server.connections(), 1);
+    EXPECT_EQ(signIn(u"a"_s, u"b"_s).kind(), Kind::success);
+    EXPECT_EQ(server.connections(), 2) << "the tunnel has changed the way to the server meanwhile";
 }
 
 TEST(AccountClient, RequestsUnderWayTogetherCompleteEachOnItsOwn)
