@@ -3,11 +3,9 @@ import collections
 import os
 import pathlib
 import pwd
-import random
 import signal
 import socket
 import subprocess
-import threading
 import time
 
 import machine
@@ -48,6 +46,13 @@ def helper_pid():
     return int(said.split()[-1]) if "uint32" in said else None
 
 
+def kill_helper():
+    """Returns when the bus knows about it."""
+    pid = helper_pid()
+    os.kill(pid, signal.SIGKILL)
+    wait_for("the helper's end", lambda: helper_pid() != pid)
+
+
 def start_helper():
     expect("string" in call("ana", f"{HELPER}.getVersion"), "the helper does not start")
     return helper_pid()
@@ -74,14 +79,16 @@ def descriptors(pid):
     return len(os.listdir(f"/proc/{pid}/fd"))
 
 
-def processes():
-    """How many of each program run in the machine, without those of this scenario's own that come and go."""
+def processes(dead=False):
+    """How many of each program run in the machine, or of those that have ended and nobody has waited for."""
     names = []
-    for path in pathlib.Path("/proc").glob("[0-9]*/comm"):
+    for path in pathlib.Path("/proc").glob("[0-9]*/stat"):
         try:
-            names.append(path.read_text().strip())
+            name, state = path.read_text().split("(", 1)[1].rsplit(")", 1)
         except OSError:
             continue
+        if state.split()[0].startswith("Z") == dead:
+            names.append(name)
     return collections.Counter(names)
 
 
@@ -179,13 +186,18 @@ def cycles(count=20):
         stage.connect()
         stage.disconnect()
     check_as_before(stage, before)
+    wrong = []
     for state in ("connecting", "connected"):
         for victim in ("client", "helper", "OpenVPN"):
             print(f"  kill -9 of {victim} while {state}:")
-            killed(stage, victim, state, before)
+            killed(stage, victim, state, before, wrong)
+    print("  ended processes that nobody has waited for:", *processes(dead=True) or ["none"])
+    if processes(dead=True):
+        wrong.append("ended processes that nobody has waited for")
+    expect(not wrong, "; ".join(wrong))
 
 
-def killed(stage, victim, state, before):
+def killed(stage, victim, state, before, wrong):
     if state == "connecting":
         machine.server("stop")
         seen = len(stage.states())
@@ -193,9 +205,11 @@ def killed(stage, victim, state, before):
         wait_for("OpenVPN to wait for its server", lambda: "WAIT" in stage.states()[seen:])
     else:
         stage.connect()
-    pid = {"client": stage.client.process.pid, "helper": helper_pid(), "OpenVPN": machine.openvpn_pid()}[victim]
     when = time.time()
-    os.kill(pid, signal.SIGKILL)
+    if victim == "helper":
+        kill_helper()
+    else:
+        os.kill(stage.client.process.pid if victim == "client" else machine.openvpn_pid(), signal.SIGKILL)
     if state == "connecting":
         machine.server("start")
         wait_for("the server", lambda: "Initialization Sequence Completed" in (LOGS / "server").read_text())
@@ -204,10 +218,17 @@ def killed(stage, victim, state, before):
         stage.start_client()
     else:
         wait_for("OpenVPN's end", lambda: not machine.openvpn_pid())
-        if victim == "helper":
-            expect(start_helper() != pid, "the helper was not killed")
-        print(f'  button "Conectar" after {stage.person.sees("Conectar", when) - when:.3f} s')
+        start_helper()
         machine.check_gone()
+        try:
+            print(f'  button "Conectar" after {stage.person.sees("Conectar", when, 3) - when:.3f} s')
+        except Failure:
+            stage.person.do("click")
+            time.sleep(1)
+            title = stage.person.do("window")["title"]
+            wrong.append(f'{victim} killed while {state}: the button stays "{title}" and a click changes nothing')
+            print(f"  {wrong[-1]}; another client:")
+            another_client(stage)
         check_as_before(stage, before)
     stage.connect()
     stage.disconnect()
@@ -301,15 +322,101 @@ def confined():
     stage.disconnect()
     print("  kill -9 of the helper:")
     stage.connect()
-    os.kill(helper_pid(), signal.SIGKILL)
+    kill_helper()
     start_helper()
     machine.check_gone()
     expect(not run_folder(), "the run folder is not empty")
 
+
+# ---- profiles as services hand them out
+
+def styles(own):
+    dead = "203.0.113.99"
+    remote = "remote vpn.corvale.example 1194\n"
+    block = "<connection>\nremote {} 1194 udp\nconnect-timeout 2\n</connection>\n"
+    return {
+        "Windows line ends": own.replace("\n", "\r\n"),
+        "byte-order mark": "\ufeff# CORVALE_PROFILE=ana\n" + own,
+        "comments and tabs": "##\t Hecho para Ana, señora de su túnel\n;dev tap\n" + own.replace(remote, "\tremote\tvpn.corvale.example\t1194\t# home\n"),
+        "connection blocks, the first one dead": own.replace(remote, block.format(dead) + block.format("vpn.corvale.example")),
+        "three remotes, the first one dead": own.replace(remote, f"server-poll-timeout 2\nremote {dead} 51820 udp\n{remote}remote {dead} 1194 udp\n"),
+        "cipher lists": own + "cipher AES-256-CBC\ndata-ciphers AES-256-GCM:AES-128-GCM:?CHACHA20-POLY1305\nncp-ciphers AES-256-GCM:AES-128-GCM\n"
+                              "data-ciphers-fallback AES-256-CBC\nauth SHA512\ntls-version-min 1.2\n",
+        "dropped directives": own + "block-outside-dns\nregister-dns\nuser nobody\ngroup nogroup\nscript-security 2\nfast-io\n"
+                                    "ignore-unknown-option block-outside-dns\nauth-nocache\nroute-method exe\nnice -5\n",
+        "setenv": "setenv FORWARD_COMPATIBLE 1\nsetenv CLIENT_CERT 0\nsetenv UV_ID 4f2c\nsetenv opt block-outside-dns\nsetenv opt tls-cert-profile insecure\n" + own,
+        "timers": own + "explicit-exit-notify 2\nping 15\nping-restart 0\nping-timer-rem\nreneg-sec 0\nmssfix 1450\ntun-mtu 1500\nremote-random\nauth-retry nointeract\n",
+        "quotes, leading --, no last line end": own.replace("dev tun", '--dev "tun"').replace("vpn.corvale.example name", "'vpn.corvale.example'\"name\"").replace("remote vpn", '"remote" "vpn').replace("example 1194", 'example""1194"').rstrip(),
+    }
+
+
+def profiles():
+    own = plain.profile()
+    stage = Stage()
+    for what, text in styles(own).items():
+        print(f"  {what}:")
+        hand_out(text)
+        stage.connect()
+        expect(pathlib.Path("/tmp/corvale.ovpn").read_bytes() == text.removeprefix("\ufeff").encode(), "the client has another file")
+        stage.disconnect()
+
+
+# ---- a file that changes under the helper's eyes
+
+def race(runs=1000):
+    """The two profiles differ in one byte: a comment mark before the directive."""
+    good = (plain.profile() + "# plugin /tmp/x.so\n").encode()
+    profile = own_file("race.ovpn", good.decode())
+    changes = subprocess.Popen(
+        ["setpriv", "--reuid=ana", "--regid=ana", "--init-groups", "/usr/bin/python3", "-c", REWRITER, str(profile),
+         str(good.index(b"# plugin"))], stdout=subprocess.PIPE, text=True)
+    start_helper()
+    ends, began = collections.Counter(), time.monotonic()
+    while sum(ends.values()) < runs and time.monotonic() - began < 240:
+        ends[raced(profile)] += 1
+    took = time.monotonic() - began
+    changes.terminate()
+    print(f"  {sum(ends.values())} runs in {took:.0f} s: {dict(ends)}; the file was rewritten {changes.communicate()[0].strip()} times")
+    expect(min(ends["started"], ends["ConfigRejected"]) > runs // 20, "the two kinds of file did not alternate")
+    expect(not run_folder(), "the run folder is not empty")
+
+
+def raced(profile):
+    """One run; what came of it."""
+    run = send("ana", *run_arguments(profile))
+    while run.poll() is None and not (CANONICAL.exists() and machine.openvpn_pid()):
+        time.sleep(0.002)
+    if run.poll() is None:
+        given = CANONICAL.read_text(encoding="utf-8")
+        expect("plugin" not in given and "remote" in given, f"OpenVPN was given {given!r}")
+        call("ana", f"{HELPER}.killOpenVPN")
+    said = run.communicate()[0]
+    return said.split(": ")[0].rsplit(".", 1)[1] if said.startswith("Error") else "started"
+
+
+# In place, byte by byte, and every eighth time by a new file in the old one's place.
+REWRITER = """
+import os, random, signal, sys, time
+path, mark, count, going = sys.argv[1], int(sys.argv[2]), 0, [1]
+signal.signal(signal.SIGTERM, lambda *_: going.clear())
+while going:
+    count += 1
+    if count % 8 == 0:
+        with open(path, "rb") as old, open(os.open(path + ".new", os.O_WRONLY | os.O_CREAT, 0o600), "wb") as new:
+            new.write(old.read())
+        os.rename(path + ".new", path)
+    file = os.open(path, os.O_WRONLY)
+    os.pwrite(file, random.choice((b"#", b" ")), mark)
+    os.close(file)
+    time.sleep(random.random() / 1000)
+print(count)
+"""
 
 HELPER_SCENARIOS = {
     "takeover": takeover,
     "cycles": cycles,
     "refusals": refusals,
     "confined": confined,
+    "profiles": profiles,
+    "race": race,
 }
