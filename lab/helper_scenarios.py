@@ -97,7 +97,7 @@ def traces(stage):
     return {
         "/etc/resolv.conf": machine.RESOLVER.read_text(encoding="utf-8"),
         "routes": subprocess.run("ip route show table all; ip -6 route show table all; ip rule", shell=True,
-                                 capture_output=True, text=True, check=True).stdout,
+                                 capture_output=True, text=True, check=True).stdout.splitlines(),
         "interfaces": sorted(os.listdir("/sys/class/net")),
         "processes": processes(),
         RUN: run_folder(),
@@ -118,6 +118,12 @@ def settled_traces(stage):
     return wait_for("the machine to come to rest", calm)
 
 
+def difference(before, now):
+    if isinstance(now, list):
+        return f"gone {[each for each in before if each not in now]}, new {[each for each in now if each not in before]}"
+    return f"before {before!r}, now {now!r}"
+
+
 def check_as_before(stage, before):
     """Descriptors may be fewer: an idle connection to the account service closes in its own time."""
     more = {}
@@ -125,7 +131,7 @@ def check_as_before(stage, before):
     def same():
         now = traces(stage)
         more.clear()
-        more.update({what: f"{what}: before {before[what]!r}, now {now[what]!r}" for what in before
+        more.update({what: f"{what}: {difference(before[what], now[what])}" for what in before
                      if (now[what] > before[what] if isinstance(now[what], int) else now[what] != before[what])})
         return not more
 
@@ -229,7 +235,11 @@ def killed(stage, victim, state, before, wrong):
             wrong.append(f'{victim} killed while {state}: the button stays "{title}" and a click changes nothing')
             print(f"  {wrong[-1]}; another client:")
             another_client(stage)
-        check_as_before(stage, before)
+        try:
+            check_as_before(stage, before)
+        except Failure as failure:
+            wrong.append(f"{victim} killed while {state}: {failure}")
+            print(f"  {wrong[-1]}")
     stage.connect()
     stage.disconnect()
     check_as_before(stage, before)
@@ -372,7 +382,7 @@ def race(runs=1000):
          str(good.index(b"# plugin"))], stdout=subprocess.PIPE, text=True)
     start_helper()
     ends, began = collections.Counter(), time.monotonic()
-    while sum(ends.values()) < runs and time.monotonic() - began < 240:
+    while sum(ends.values()) < runs and time.monotonic() - began < 120:
         ends[raced(profile)] += 1
     took = time.monotonic() - began
     changes.terminate()
