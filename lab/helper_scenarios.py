@@ -243,6 +243,8 @@ def killed(stage, victim, state, before, wrong):
     stage.connect()
     stage.disconnect()
     check_as_before(stage, before)
+    if victim == "client":
+        another_client(stage)  # this one signed in through a tunnel, which is `takeover`'s to judge
 
 
 # ---- who is refused
