@@ -4,6 +4,7 @@ usage: account_service.py LOG        one line for each answer: time, method, pat
 """
 import http.server
 import json
+import os
 import secrets
 import ssl
 import sys
@@ -11,6 +12,7 @@ import time
 from urllib.parse import parse_qs, urlsplit
 
 KEYS = "/etc/lab/"
+OTHER = "/run/lab/profile.ovpn"  # a scenario's own configuration, handed out instead
 # The second subscriber may sign in, but the OpenVPN server does not know the password.
 PASSWORDS = {"ana@example.com": "secret", "berta@example.com": "expired"}
 TOKENS = set()
@@ -22,6 +24,9 @@ def inline(tag, name):
 
 
 def configuration():
+    if os.path.exists(OTHER):
+        with open(OTHER, encoding="utf-8", newline="") as file:
+            return file.read()
     return (
         "client\ndev tun\nproto udp\nremote vpn.corvale.example 1194\nnobind\npersist-key\npersist-tun\n"
         "resolv-retry infinite\nremote-cert-tls server\nverify-x509-name vpn.corvale.example name\n"

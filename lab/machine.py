@@ -17,17 +17,25 @@ def tunnel_interfaces():
     return [path.split("/")[-1] for path in glob.glob("/sys/class/net/tun*")]
 
 
-def openvpn_started():
-    """When the client's OpenVPN process began, or None: the one that serves the management port."""
+def openvpn_pid():
+    """The client's OpenVPN process, the one that serves the management port, or None."""
     for path in pathlib.Path("/proc").glob("[0-9]*"):
         try:
             arguments = (path / "cmdline").read_bytes().split(b"\0")
-            ticks = int((path / "stat").read_text().rsplit(")", 1)[1].split()[19])
-        except (OSError, IndexError):
+        except OSError:
             continue
         if b"1337" in arguments and arguments[0].endswith(b"openvpn"):
-            return time.time() - float(pathlib.Path("/proc/uptime").read_text().split()[0]) + ticks / 100
+            return int(path.name)
     return None
+
+
+def openvpn_started():
+    """When the client's OpenVPN process began, or None."""
+    try:
+        ticks = int(pathlib.Path(f"/proc/{openvpn_pid()}/stat").read_text().rsplit(")", 1)[1].split()[19])
+    except (OSError, IndexError):
+        return None
+    return time.time() - float(pathlib.Path("/proc/uptime").read_text().split()[0]) + ticks / 100
 
 
 def reply_from_inside():
@@ -55,7 +63,7 @@ def check_connected():
 
 def check_gone(limit=20.0):
     """No OpenVPN, no tunnel, no way inside, and the name servers of before."""
-    wait_for("OpenVPN's end", lambda: not openvpn_started(), limit)
+    wait_for("OpenVPN's end", lambda: not openvpn_pid(), limit)
     wait_for("the tunnel's end", lambda: not tunnel_interfaces())
     wait_for("the name servers of before", lambda: RESOLVER.read_text(encoding="utf-8") == BEFORE)
     if reply_from_inside():

@@ -44,6 +44,9 @@ people() {
     for file in passwd group; do sed -i -E "/^$person:|^[^:]*:[^:]*:$id:/d" "/etc/$file"; done
     echo "$person:x:$id:$id:Ana:/home/$person:/bin/sh" >>/etc/passwd
     echo "$person:x:$id:" >>/etc/group
+    # Two others, who only talk to the helper.
+    printf '%s\n' berta:x:61001:61001::/:/bin/sh carla:x:61002:61002::/:/bin/sh >>/etc/passwd
+    printf '%s\n' berta:x:61001: carla:x:61002: >>/etc/group
     install -d -m 700 -o "$id" -g "$id" "/home/$person" "/run/user" "/run/user/$id"
     chmod 755 /run/user
     # The checkout may lie where this person may not look, such as root's home.

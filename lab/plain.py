@@ -20,6 +20,13 @@ def request(address, body=None, headers=None):
         return json.load(answer)
 
 
+def profile():
+    """The configuration that the account service has for the person."""
+    body = json.dumps({"email": "ana@example.com", "password": "secret"}).encode()
+    token = request("login", body, {"Content-Type": "application/json"})["access_token"]
+    return request("profile?country_code=CO", headers={"Authorization": "Bearer " + token})["config"]
+
+
 def management(openvpn):
     while openvpn.poll() is None:
         try:
@@ -32,11 +39,8 @@ def management(openvpn):
 def connect_once():
     """Seconds from the first request until CONNECTED. The tunnel is taken down again."""
     began = time.monotonic()
-    body = json.dumps({"email": "ana@example.com", "password": "secret"}).encode()
-    token = request("login", body, {"Content-Type": "application/json"})["access_token"]
-    profile = request("profile?country_code=CO", headers={"Authorization": "Bearer " + token})
     with open(CONFIGURATION, "w", encoding="utf-8") as file:
-        file.write(profile["config"])
+        file.write(profile())
     openvpn = subprocess.Popen(
         ["openvpn", "--config", CONFIGURATION, "--management", "127.0.0.1", "1337", "--management-query-passwords",
          "--script-security", "2", "--up", SCRIPTS + "client.up", "--down", SCRIPTS + "client.down"],

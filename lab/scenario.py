@@ -1,6 +1,7 @@
 """What is shown inside the private machine, one function each. A scenario either returns or raises Failure.
 
 usage: scenario.py connect|wrong-password|server-late|server-restart|server-reset|rejected|reuse|plain
+       scenario.py takeover|cycles|refusals|confined|profiles|race        what the helper promises
 """
 import os
 import sys
@@ -9,52 +10,11 @@ import time
 import machine
 import plain
 import timeline
-from session import LOGS, Failure, Person, Session, wait_for
+from helper_scenarios import HELPER_SCENARIOS
+from session import LOGS, Failure, Session, wait_for
+from stage import ANA, BERTA, Stage
 
-ANA = ("ana@example.com", "secret")
-BERTA = ("berta@example.com", "expired")  # signs in, but the OpenVPN server refuses the password
 REJECTED = "Email o Contraseña inválidos"
-
-
-class Stage:
-    """The person's session with a client that has just been started in it."""
-
-    def __init__(self):
-        self.bus = timeline.Bus()
-        self.session = Session()
-        self.person = Person(self.session)
-        self.start_client()
-
-    def start_client(self):
-        self.client = self.session.client()
-        title = self.person.do("window", limit=20)["title"]
-        self.expect(title == "Conectar", f'the window shows "{title}" at its start')
-        print(f'  window shown, button "{title}"')
-
-    def connect(self, who=ANA):
-        """Signs in with one click and waits for the tunnel. Returns when both happened."""
-        click = self.person.sign_in(*who)
-        self.person.sees("Conectando...", click)
-        connected = self.person.sees("Desconectar", click)
-        print(f'  button "Desconectar" after {connected - click:.3f} s')
-        machine.check_connected()
-        return click, connected
-
-    def disconnect(self):
-        click = self.person.do("click")["time"]
-        print(f'  button "Conectar" after {self.person.sees("Conectar", click) - click:.3f} s')
-        machine.check_gone()
-
-    def states(self):
-        return [what.removeprefix("state ") for _, _, what in timeline.state_events()]
-
-    def helper_calls(self):
-        return [what for _, _, what in self.bus.events() if what.startswith("helper called: run")]
-
-    @staticmethod
-    def expect(holds, otherwise):
-        if not holds:
-            raise Failure(otherwise)
 
 
 def connect():
@@ -183,7 +143,7 @@ SCENARIOS = {
     "rejected": rejected,
     "reuse": reuse,
     "plain": plain_only,
-}
+} | HELPER_SCENARIOS
 
 
 def main():
