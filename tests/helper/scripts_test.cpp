@@ -92,11 +92,14 @@ TEST_F(ScriptsTest, aSecondTunnelAfterACrashDoesNotTakeTheFirstOnesServersForThe
     EXPECT_EQ(read("resolv.conf"), original);
 }
 
+/// Puts the test's resolvconf, alone in its folder, where the scripts search first.
+const QByteArray withResolvconf =
+    "mount -t tmpfs none /usr/sbin\ncp resolvconf /usr/sbin/resolvconf; chmod 755 /usr/sbin/resolvconf\n";
+
 TEST_F(ScriptsTest, aWayThatFailsIsTakenBackBeforeTheNextIsTried)
 {
     write("resolvconf", "#!/bin/sh\n[ $1 = -d ]\n");
-    EXPECT_EQ(inside("mount -t tmpfs none /usr/sbin\n"
-                     "cp resolvconf /usr/sbin/resolvconf; chmod 755 /usr/sbin/resolvconf\n"
+    EXPECT_EQ(inside(withResolvconf +
                      "env dev=tun3 foreign_option_1='dhcp-option DNS 10.8.0.1' UP; cat /etc/resolv.conf >during; DOWN"),
               0);
     EXPECT_EQ(read("during"), "nameserver 10.8.0.1\noptions edns0\n");
@@ -107,11 +110,7 @@ TEST_F(ScriptsTest, resolvconfIsUsedWhereItIsThere)
 {
     write("resolvconf", "#!/bin/sh\necho \"$@\" >>" + folder.path().toUtf8() + "/calls; [ $1 = -d ] || cat >>" +
                             folder.path().toUtf8() + "/calls\n");
-    // A folder of its own in the place of one that the scripts search, after every other command has been run.
-    EXPECT_EQ(inside("mount -t tmpfs none /usr/sbin\n"
-                     "cp resolvconf /usr/sbin/resolvconf; chmod 755 /usr/sbin/resolvconf\n"
-                     "env dev=tun3 foreign_option_1='dhcp-option DNS 10.8.0.1' UP; DOWN"),
-              0);
+    EXPECT_EQ(inside(withResolvconf + "env dev=tun3 foreign_option_1='dhcp-option DNS 10.8.0.1' UP; DOWN"), 0);
     EXPECT_EQ(read("calls"), "-a tun3.corvale\nnameserver 10.8.0.1\n-d tun3.corvale\n");
     EXPECT_EQ(read("resolv.conf"), original);
 }
