@@ -11,6 +11,10 @@ using namespace Qt::StringLiterals;
 namespace {
 
 constexpr int noTimeLimit = std::numeric_limits<int>::max();
+constexpr int places = 16;
+
+const HelperError notAuthorized{HelperError::Kind::NotAuthorized, "You are not allowed to do this."};
+const HelperError tooMany{HelperError::Kind::Busy, "Too many of your requests are still under way."};
 
 QDBusMessage authorizationQuestion(const QString &sender, const QString &action)
 {
@@ -47,31 +51,60 @@ bool isAuthorized(const QDBusMessage &answer)
 
 void Authority::check(const QString &sender, const QString &action, Verdict verdict)
 {
-    auto *const watcher =
-        new QDBusPendingCallWatcher(bus_.asyncCall(authorizationQuestion(sender, action), noTimeLimit), this);
-    connect(watcher, &QDBusPendingCallWatcher::finished, this,
-            [this, watcher, sender, verdict = std::move(verdict)]() mutable {
-                watcher->deleteLater();
-                if (isAuthorized(watcher->reply()))
-                    findUser(sender, std::move(verdict));
-                else
-                    verdict(std::nullopt);
-            });
+    findUser(sender, [=, this](std::optional<uid_t> uid) {
+        const Caller caller{uid.value_or(0), uid ? takePlace(*uid) : nullptr};
+        if (!uid)
+            verdict(notAuthorized);
+        else if (!caller.place)
+            verdict(tooMany);
+        else
+            askPolkit(sender, action, caller, verdict);
+    });
 }
 
-/// After the authorization, so that a sender that has left meanwhile is nobody.
-void Authority::findUser(const QString &sender, Verdict verdict)
+void Authority::findUser(const QString &sender, Found found)
 {
     auto question = QDBusMessage::createMethodCall(u"org.freedesktop.DBus"_s, u"/org/freedesktop/DBus"_s,
                                                    u"org.freedesktop.DBus"_s, u"GetConnectionUnixUser"_s);
     question << sender;
     auto *const watcher = new QDBusPendingCallWatcher(bus_.asyncCall(question), this);
-    connect(watcher, &QDBusPendingCallWatcher::finished, this, [watcher, verdict = std::move(verdict)] {
+    connect(watcher, &QDBusPendingCallWatcher::finished, this, [watcher, found = std::move(found)] {
         watcher->deleteLater();
         const QDBusMessage answer = watcher->reply();
         if (answer.type() == QDBusMessage::ReplyMessage && answer.signature() == "u"_L1)
-            verdict(answer.arguments().constFirst().toUInt());
+            found(answer.arguments().constFirst().toUInt());
         else
-            verdict(std::nullopt);
+            found(std::nullopt);
+    });
+}
+
+std::shared_ptr<const void> Authority::takePlace(uid_t uid)
+{
+    std::shared_ptr<int> &taken = taken_[uid];
+    if (!taken)
+        taken = std::make_shared<int>(0);
+    if (*taken == places)
+        return nullptr;
+    ++*taken;
+    return {taken.get(), [taken](const void *) { --*taken; }};
+}
+
+void Authority::askPolkit(const QString &sender, const QString &action, const Caller &caller, Verdict verdict)
+{
+    auto *const watcher =
+        new QDBusPendingCallWatcher(bus_.asyncCall(authorizationQuestion(sender, action), noTimeLimit), this);
+    connect(watcher, &QDBusPendingCallWatcher::finished, this, [=, this] {
+        watcher->deleteLater();
+        if (!isAuthorized(watcher->reply())) {
+            verdict(notAuthorized);
+            return;
+        }
+        // Once more, so that a sender that has left meanwhile is nobody.
+        findUser(sender, [caller, verdict](std::optional<uid_t> uid) {
+            if (uid == caller.uid)
+                verdict(caller);
+            else
+                verdict(notAuthorized);
+        });
     });
 }

@@ -133,6 +133,8 @@ void ChildProcess::killAll() const
 
 void ChildProcess::reap()
 {
+    // A script of a killed OpenVPN must not go on beside the one that cleans up.
+    killAll();
     int status = 0;
     ::waitpid(pid_, &status, 0);
     reaped_ = true;

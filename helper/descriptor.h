@@ -11,6 +11,11 @@ public:
     Descriptor(Descriptor &&other) noexcept : descriptor_(std::exchange(other.descriptor_, -1)) {}
     Descriptor(const Descriptor &) = delete;
     Descriptor &operator=(const Descriptor &) = delete;
+    Descriptor &operator=(Descriptor &&other) noexcept
+    {
+        std::swap(descriptor_, other.descriptor_);
+        return *this;
+    }
 
     [[nodiscard]] int get() const { return descriptor_; }
     explicit operator bool() const { return descriptor_ >= 0; }

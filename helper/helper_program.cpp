@@ -29,7 +29,7 @@ Descriptor requestsToEnd()
 
 } // namespace
 
-int helperMain(int argc, char *argv[], const HelperPaths &paths)
+int helperMain(int argc, char *argv[], const HelperPaths &paths, const HelperLimits &limits)
 {
     const Descriptor ends = requestsToEnd();
     (void)::signal(SIGPIPE, SIG_IGN);
@@ -39,7 +39,7 @@ int helperMain(int argc, char *argv[], const HelperPaths &paths)
         SystemLog::write(u"The helper cannot reach the system bus.");
         return EXIT_FAILURE;
     }
-    HelperService service(bus, paths);
+    HelperService service(bus, paths, limits);
     QObject::connect(&service, &HelperService::finished, &application, &QCoreApplication::quit, Qt::QueuedConnection);
     QSocketNotifier asked(ends.get(), QSocketNotifier::Read);
     QObject::connect(&asked, &QSocketNotifier::activated, &service, [&] {

@@ -1,25 +1,15 @@
 #include "helper_service.h"
 
 #include "helper_protocol.h"
-#include "tunnel_request.h"
-
-#include <chrono>
 
 using namespace Qt::StringLiterals;
-using namespace std::chrono_literals;
+using Kind = HelperError::Kind;
 
-namespace {
-
-constexpr auto idleLimit = 1min;
-const HelperError notAuthorized{HelperError::Kind::NotAuthorized, "You are not allowed to do this."};
-
-} // namespace
-
-HelperService::HelperService(const QDBusConnection &bus, const HelperPaths &paths)
-    : bus_(bus), paths_(paths), authority_(bus), tunnel_(paths)
+HelperService::HelperService(const QDBusConnection &bus, const HelperPaths &paths, const HelperLimits &limits)
+    : bus_(bus), authority_(bus), judge_(paths), tunnel_(paths, limits)
 {
     idle_.setSingleShot(true);
-    idle_.setInterval(idleLimit);
+    idle_.setInterval(limits.idle);
     connect(&idle_, &QTimer::timeout, this, &HelperService::leave);
 }
 
@@ -51,67 +41,75 @@ bool HelperService::handleMessage(const QDBusMessage &message, const QDBusConnec
         ++open_;
         answer(message.createReply(QStringLiteral(CORVALE_VERSION)));
     } else if (call == QLatin1String(HelperNames::runOpenVPN) + "(sss)"_L1) {
-        ++open_;
-        run(message);
+        admit(message, u"com.corvale.macos.helper.run"_s, [=, this](const auto &caller) { run(message, caller); });
     } else if (call == QLatin1String(HelperNames::killOpenVPN) + "()"_L1) {
-        ++open_;
-        kill(message);
+        admit(message, u"com.corvale.macos.helper.kill"_s, [=, this](const auto &caller) { kill(message, caller); });
     } else {
         return false;
     }
     return true;
 }
 
-void HelperService::run(const QDBusMessage &message)
+void HelperService::admit(const QDBusMessage &message, const QString &action,
+                          std::function<void(const Authority::Caller &)> next)
 {
-    authority_.check(message.service(), u"com.corvale.macos.helper.run"_s, [this, message](std::optional<uid_t> uid) {
-        if (uid)
-            authorizedToRun(message, *uid);
+    ++open_;
+    authority_.check(message.service(), action, [this, message, next = std::move(next)](const auto &verdict) {
+        if (const auto *error = std::get_if<HelperError>(&verdict))
+            answer(errorReply(message, *error));
         else
-            answer(errorReply(message, notAuthorized));
+            next(std::get<Authority::Caller>(verdict));
     });
 }
 
-void HelperService::authorizedToRun(const QDBusMessage &message, uid_t uid)
+/// Why no tunnel of this user can run now.
+std::optional<HelperError> HelperService::obstacle(uid_t uid) const
 {
-    if (ending_) {
-        answer(errorReply(message, {HelperError::Kind::Internal, "The helper is ending."}));
-        return;
-    }
-    if (tunnel_.owner() && tunnel_.owner() != uid) {
-        answer(errorReply(message, {HelperError::Kind::Busy, "Another user's tunnel is running."}));
+    if (ending_)
+        return HelperError{Kind::Internal, "The helper is ending."};
+    if (tunnel_.owner() && tunnel_.owner() != uid)
+        return HelperError{Kind::Busy, "Another user's tunnel is running."};
+    return std::nullopt;
+}
+
+void HelperService::run(const QDBusMessage &message, const Authority::Caller &caller)
+{
+    if (const auto found = obstacle(caller.uid)) {
+        answer(errorReply(message, *found));
         return;
     }
     const QVariantList arguments = message.arguments();
     const TunnelRequest request{arguments[0].toString(), arguments[1].toString(), arguments[2].toString()};
-    const auto configuration = acceptedConfiguration(uid, request, paths_);
-    if (const auto *error = std::get_if<HelperError>(&configuration)) {
-        answer(errorReply(message, *error));
+    // The caller's place is kept until the files are judged; the tunnel has a limit of its own.
+    judge_.judge(caller.uid, request, [this, message, caller](const auto &verdict) {
+        if (const auto *error = std::get_if<HelperError>(&verdict))
+            answer(errorReply(message, *error));
+        else
+            start(message, caller.uid, std::get<QByteArray>(verdict));
+    });
+}
+
+void HelperService::start(const QDBusMessage &message, uid_t uid, const QByteArray &configuration)
+{
+    // Another's tunnel may have begun while the files were read.
+    if (const auto found = obstacle(uid)) {
+        answer(errorReply(message, *found));
         return;
     }
-    tunnel_.run(uid, std::get<QByteArray>(configuration), [this, message](const std::variant<int, HelperError> &end) {
+    tunnel_.run(uid, configuration, [this, message](const std::variant<int, HelperError> &end) {
         const auto *status = std::get_if<int>(&end);
         answer(status ? message.createReply(*status) : errorReply(message, std::get<HelperError>(end)));
     });
 }
 
-void HelperService::kill(const QDBusMessage &message)
+void HelperService::kill(const QDBusMessage &message, const Authority::Caller &caller)
 {
-    authority_.check(message.service(), u"com.corvale.macos.helper.kill"_s, [this, message](std::optional<uid_t> uid) {
-        if (uid)
-            authorizedToKill(message, *uid);
-        else
-            answer(errorReply(message, notAuthorized));
-    });
-}
-
-void HelperService::authorizedToKill(const QDBusMessage &message, uid_t uid)
-{
-    if (tunnel_.owner() && tunnel_.owner() != uid && uid != 0) {
-        answer(errorReply(message, notAuthorized));
+    if (tunnel_.owner() && tunnel_.owner() != caller.uid && caller.uid != 0) {
+        answer(errorReply(message, {Kind::NotAuthorized, "It is another user's tunnel."}));
         return;
     }
-    tunnel_.stop([this, message] { answer(message.createReply()); });
+    judge_.abandon(caller.uid);
+    tunnel_.stop([this, message, caller] { answer(message.createReply()); });
 }
 
 void HelperService::answer(const QDBusMessage &reply)
@@ -123,7 +121,7 @@ void HelperService::answer(const QDBusMessage &reply)
 
 void HelperService::leave()
 {
-    if (open_ > 0 || !tunnel_.isIdle()) {
+    if (open_ > 0 || !tunnel_.isIdle() || !judge_.isIdle()) {
         idle_.start();
         return;
     }

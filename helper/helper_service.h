@@ -3,17 +3,21 @@
 #include "authority.h"
 #include "helper_error.h"
 #include "helper_paths.h"
+#include "request_judge.h"
 #include "tunnel.h"
 
 #include <QDBusMessage>
 #include <QDBusVirtualObject>
 #include <QTimer>
 
+#include <functional>
+#include <optional>
+
 /// The helper's object on the bus: takes the three messages and answers each once. Main thread.
 class HelperService final : public QDBusVirtualObject {
     Q_OBJECT
 public:
-    HelperService(const QDBusConnection &bus, const HelperPaths &paths);
+    HelperService(const QDBusConnection &bus, const HelperPaths &paths, const HelperLimits &limits);
 
     /// Puts the object on the bus and takes the name; false when that is refused, as it is to all but root.
     bool offer();
@@ -25,20 +29,22 @@ public:
     QString introspect(const QString &path) const override;
 
 signals:
-    /// Nothing is left to do: no tunnel, and no message for a minute; or `finish` is through.
+    /// Nothing is left to do: no tunnel, and no message for as long as the limits say; or `finish` is through.
     void finished();
 
 private:
-    void run(const QDBusMessage &message);
-    void authorizedToRun(const QDBusMessage &message, uid_t uid);
-    void kill(const QDBusMessage &message);
-    void authorizedToKill(const QDBusMessage &message, uid_t uid);
+    /// Goes on with `next` when the sender may do `action`; answers the message itself when not.
+    void admit(const QDBusMessage &message, const QString &action, std::function<void(const Authority::Caller &)> next);
+    void run(const QDBusMessage &message, const Authority::Caller &caller);
+    void start(const QDBusMessage &message, uid_t uid, const QByteArray &configuration);
+    void kill(const QDBusMessage &message, const Authority::Caller &caller);
+    [[nodiscard]] std::optional<HelperError> obstacle(uid_t uid) const;
     void answer(const QDBusMessage &reply);
     void leave();
 
     QDBusConnection bus_;
-    const HelperPaths paths_;
     Authority authority_;
+    RequestJudge judge_;
     Tunnel tunnel_;
     int open_ = 0;        ///< messages that have no answer yet
     bool ending_ = false; ///< no tunnel is started any more

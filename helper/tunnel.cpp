@@ -7,6 +7,7 @@
 #include <QDir>
 #include <QFile>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -17,7 +18,7 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr auto patience = 10s;
+constexpr size_t mostAnswers = 16;
 constexpr auto reloadAgain = 100ms;
 
 HelperError internal(const QByteArray &sentence)
@@ -27,10 +28,10 @@ HelperError internal(const QByteArray &sentence)
 
 } // namespace
 
-Tunnel::Tunnel(HelperPaths paths) : paths_(std::move(paths)), status_(128 + SIGTERM)
+Tunnel::Tunnel(HelperPaths paths, const HelperLimits &limits) : paths_(std::move(paths)), status_(128 + SIGTERM)
 {
     patience_.setSingleShot(true);
-    patience_.setInterval(patience);
+    patience_.setInterval(limits.ending);
     connect(&patience_, &QTimer::timeout, this, [this] { process_->killAll(); });
     reloading_.setInterval(reloadAgain);
     connect(&reloading_, &QTimer::timeout, this, [this] { process_->signal(SIGHUP); });
@@ -55,6 +56,7 @@ void Tunnel::run(uid_t uid, const QByteArray &configuration, Answer answer)
     }
     owner_ = uid;
     answers_.push_back(std::move(answer));
+    dropOldest();
     if (idle) {
         start();
         return;
@@ -62,6 +64,17 @@ void Tunnel::run(uid_t uid, const QByteArray &configuration, Answer answer)
     ++unread_;
     if (phase_ == Phase::Running)
         reload();
+}
+
+/// The clients that asked have mostly quit since; their number must not grow for as long as a tunnel lives.
+void Tunnel::dropOldest()
+{
+    if (answers_.size() <= mostAnswers)
+        return;
+    const Answer oldest = std::move(answers_.front());
+    answers_.erase(answers_.begin());
+    unread_ = std::min(unread_, answers_.size() - 1); // the newest is counted by the caller
+    oldest(HelperError{HelperError::Kind::Busy, "Too many requests wait for the end of this tunnel."});
 }
 
 void Tunnel::start()

@@ -22,22 +22,24 @@ public:
 
     /// Begins by cleaning up what a helper that died has left in the run folder. Blocks for as long as an OpenVPN that
     /// is left takes to end, five seconds at the most.
-    explicit Tunnel(HelperPaths paths);
+    Tunnel(HelperPaths paths, const HelperLimits &limits);
     ~Tunnel() override;
 
     [[nodiscard]] bool isIdle() const { return phase_ == Phase::Idle; }
     [[nodiscard]] std::optional<uid_t> owner() const { return owner_; } ///< none while idle
 
     /// Runs OpenVPN with this configuration for `uid`, or has the one that runs read it anew; its owner must be `uid`.
-    /// `answer` is called once: with the exit status of the OpenVPN that served the request, or with why none did.
+    /// `answer` is called once: with the exit status of the OpenVPN that served the request, or with why none did. Of
+    /// sixteen requests that wait for one end the oldest is refused when another comes.
     void run(uid_t uid, const QByteArray &configuration, Answer answer);
 
-    /// Ends OpenVPN: SIGTERM, after ten seconds SIGKILL. `done` is called when everything is cleaned up.
+    /// Ends OpenVPN: SIGTERM, after the limit SIGKILL. `done` is called when everything is cleaned up.
     void stop(std::function<void()> done);
 
 private:
     enum class Phase { Idle, Running, Stopping, Restoring };
 
+    void dropOldest();
     void start();
     void reload();
     void configurationWasRead();
