@@ -49,7 +49,7 @@ bool isAuthorized(const QDBusMessage &answer)
 
 } // namespace
 
-void Authority::check(const QString &sender, const QString &action, Verdict verdict)
+void Authority::check(const QString &sender, const QString &action, const Verdict &verdict)
 {
     findUser(sender, [=, this](std::optional<uid_t> uid) {
         const Caller caller{uid.value_or(0), uid ? takePlace(*uid) : nullptr};
@@ -89,7 +89,7 @@ std::shared_ptr<const void> Authority::takePlace(uid_t uid)
     return {taken.get(), [taken](const void *) { --*taken; }};
 }
 
-void Authority::askPolkit(const QString &sender, const QString &action, const Caller &caller, Verdict verdict)
+void Authority::askPolkit(const QString &sender, const QString &action, const Caller &caller, const Verdict &verdict)
 {
     auto *const watcher =
         new QDBusPendingCallWatcher(bus_.asyncCall(authorizationQuestion(sender, action), noTimeLimit), this);

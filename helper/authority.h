@@ -29,14 +29,14 @@ public:
     /// Asks about the sender with this unique bus name. A person may be asked for a password meanwhile, so there is no
     /// time limit. `verdict` is called once, later: with `Busy` when the user has no place left, with `NotAuthorized`
     /// when it may not do `action`, has left meanwhile, and in every doubt.
-    void check(const QString &sender, const QString &action, Verdict verdict);
+    void check(const QString &sender, const QString &action, const Verdict &verdict);
 
 private:
     using Found = std::function<void(std::optional<uid_t>)>;
 
     void findUser(const QString &sender, Found found);
     std::shared_ptr<const void> takePlace(uid_t uid);
-    void askPolkit(const QString &sender, const QString &action, const Caller &caller, Verdict verdict);
+    void askPolkit(const QString &sender, const QString &action, const Caller &caller, const Verdict &verdict);
 
     QDBusConnection bus_;
     std::map<uid_t, std::shared_ptr<int>> taken_; ///< how many places each user has taken
