@@ -216,6 +216,8 @@ void Tunnel::stop(std::function<void()> done)
     if (phase_ != Phase::Running)
         return;
     phase_ = Phase::Stopping;
+    // What it reads from now on serves nobody: a later request's file is for the next one.
+    watch_.reset();
     process_->signal(SIGTERM);
     patience_.start();
 }

@@ -173,6 +173,25 @@ TEST_F(HelperTest, aRequestThatMeetsAnEndingOpenvpnGetsAFreshOne)
     EXPECT_EQ(outcome(second), "6");
 }
 
+TEST_F(HelperTest, aRequestThatComesWhileOpenvpnIsBeingStoppedIsServedAfterwards)
+{
+    openvpn("trap 'read -r line <>" + path(u"gate").toUtf8() + "; exit 5' TERM; " + readAndStay(":"));
+    const auto first = run();
+    ASSERT_TRUE(ready());
+    const auto stopped = send(u"killOpenVPN"_s);
+    openvpn("exit 6");
+    write(path(u"profile.ovpn"), QByteArray(profile) + "verb 4\n", 0600);
+    const auto second = run();
+    ASSERT_TRUE(waitFor([&] { return contents(path(u"run/openvpn.conf")).contains("verb 4"); }));
+    EXPECT_FALSE(first.isFinished());
+    QFile gate(path(u"gate"));
+    ASSERT_TRUE(gate.open(QIODevice::ReadWrite | QIODevice::Unbuffered));
+    gate.write("\n");
+    EXPECT_EQ(outcome(first), "5");
+    EXPECT_EQ(outcome(stopped), "");
+    EXPECT_EQ(outcome(second), "6");
+}
+
 TEST_F(HelperTest, anotherUserCanNeitherTakeOverNorEndTheTunnel)
 {
     const auto mine = run();
