@@ -20,11 +20,11 @@ asan tsan: packages
 lint: build
 	packaging/lint.sh
 
-# Each fuzzer for FUZZ_SECONDS. What it finds stays in build/fuzz/NAME-*.
+# Each fuzzer for FUZZ_SECONDS. What it finds stays in build/fuzzers/NAME-*.
 fuzz: packages
 	cmake --preset fuzz
 	cmake --build --preset fuzz --parallel $(JOBS)
-	fuzz/run.sh build/fuzz $(FUZZ_SECONDS)
+	fuzz/run.sh build/fuzzers $(FUZZ_SECONDS)
 
 # Asks first: whoever cannot have the lab need not wait for the build to hear it.
 demo:
