@@ -60,6 +60,8 @@ ReadingChild::Caller CallerFiles::callerOf(uid_t uid)
 CallerFiles::CallerFiles(const ReadingChild::Caller &caller, std::vector<ReadingChild::Wanted> wanted)
     : wanted_(std::move(wanted))
 {
+    for (const ReadingChild::Wanted &file : wanted_)
+        most_ += file.most + static_cast<qsizetype>(sizeof(Header));
     limit_.setSingleShot(true);
     connect(&limit_, &QTimer::timeout, this, &CallerFiles::tooLate);
     startChild(caller);
@@ -106,8 +108,10 @@ void CallerFiles::takeBytes()
 {
     char piece[16384];
     ssize_t got = 0;
-    while ((got = ::read(pipe_.get(), piece, sizeof piece)) > 0)
+    while (bytes_.size() <= most_ && (got = ::read(pipe_.get(), piece, sizeof piece)) > 0)
         bytes_.append(piece, got);
+    if (bytes_.size() > most_)
+        got = 0; // nothing that the child would say
     if (!ended_ && (got == 0 || (errno != EAGAIN && errno != EINTR)))
         finish();
 }
@@ -158,14 +162,14 @@ std::vector<CallerFiles::File> CallerFiles::results() const
             std::memcpy(&header, left.data(), sizeof header);
             left = left.sliced(sizeof header);
         }
-        const auto length = static_cast<qsizetype>(header.length);
-        const bool whole = length <= left.size();
+        const bool whole = header.length <= static_cast<size_t>(left.size());
+        const auto length = whole ? static_cast<qsizetype>(header.length) : left.size();
         if (header.found == Found::File && whole)
             files.emplace_back(left.first(length).toByteArray());
         else
             files.emplace_back(
                 Unreadable{header.found == Found::Missing || !whole ? missing : sentenceOf(header.found)});
-        left = whole ? left.sliced(length) : QByteArrayView();
+        left = left.sliced(length);
     }
     return files;
 }

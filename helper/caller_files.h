@@ -47,6 +47,7 @@ private:
     Descriptor process_;
     pid_t child_ = -1; ///< until it is reaped
     QByteArray bytes_;
+    qsizetype most_ = 0; ///< of them
     bool ended_ = false; ///< the child has said everything, or time is up
     bool late_ = false;
     QTimer limit_;

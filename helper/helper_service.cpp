@@ -2,8 +2,21 @@
 
 #include "helper_protocol.h"
 
+#include <algorithm>
+#include <climits>
+
 using namespace Qt::StringLiterals;
 using Kind = HelperError::Kind;
+
+namespace {
+
+/// Whether the arguments are short enough to be the names of files.
+bool areNames(const QVariantList &arguments)
+{
+    return std::ranges::all_of(arguments, [](const QVariant &one) { return one.toString().size() < PATH_MAX; });
+}
+
+} // namespace
 
 HelperService::HelperService(const QDBusConnection &bus, const HelperPaths &paths, const HelperLimits &limits)
     : bus_(bus), authority_(bus), judge_(paths), tunnel_(paths, limits)
@@ -39,8 +52,14 @@ bool HelperService::handleMessage(const QDBusMessage &message, const QDBusConnec
         return false;
     if (call == QLatin1String(HelperNames::getVersion) + "()"_L1) {
         ++open_;
-        answer(message.createReply(QStringLiteral(CORVALE_VERSION)));
+        answer(message, message.createReply(QStringLiteral(CORVALE_VERSION)));
     } else if (call == QLatin1String(HelperNames::runOpenVPN) + "(sss)"_L1) {
+        if (!areNames(message.arguments())) {
+            // Before it is kept for polkit's answer: such messages are as large as their sender likes.
+            ++open_;
+            answer(message, errorReply(message, {Kind::ConfigUnsafe, "A file's name is too long."}));
+            return true;
+        }
         admit(message, u"com.corvale.macos.helper.run"_s, [=, this](const auto &caller) { run(message, caller); });
     } else if (call == QLatin1String(HelperNames::killOpenVPN) + "()"_L1) {
         admit(message, u"com.corvale.macos.helper.kill"_s, [=, this](const auto &caller) { kill(message, caller); });
@@ -56,7 +75,7 @@ void HelperService::admit(const QDBusMessage &message, const QString &action,
     ++open_;
     authority_.check(message.service(), action, [this, message, next = std::move(next)](const auto &verdict) {
         if (const auto *error = std::get_if<HelperError>(&verdict))
-            answer(errorReply(message, *error));
+            answer(message, errorReply(message, *error));
         else
             next(std::get<Authority::Caller>(verdict));
     });
@@ -75,7 +94,7 @@ std::optional<HelperError> HelperService::obstacle(uid_t uid) const
 void HelperService::run(const QDBusMessage &message, const Authority::Caller &caller)
 {
     if (const auto found = obstacle(caller.uid)) {
-        answer(errorReply(message, *found));
+        answer(message, errorReply(message, *found));
         return;
     }
     const QVariantList arguments = message.arguments();
@@ -83,7 +102,7 @@ void HelperService::run(const QDBusMessage &message, const Authority::Caller &ca
     // The caller's place is kept until the files are judged; the tunnel has a limit of its own.
     judge_.judge(caller.uid, request, [this, message, caller](const auto &verdict) {
         if (const auto *error = std::get_if<HelperError>(&verdict))
-            answer(errorReply(message, *error));
+            answer(message, errorReply(message, *error));
         else
             start(message, caller.uid, std::get<QByteArray>(verdict));
     });
@@ -93,28 +112,30 @@ void HelperService::start(const QDBusMessage &message, uid_t uid, const QByteArr
 {
     // Another's tunnel may have begun while the files were read.
     if (const auto found = obstacle(uid)) {
-        answer(errorReply(message, *found));
+        answer(message, errorReply(message, *found));
         return;
     }
     tunnel_.run(uid, configuration, [this, message](const std::variant<int, HelperError> &end) {
         const auto *status = std::get_if<int>(&end);
-        answer(status ? message.createReply(*status) : errorReply(message, std::get<HelperError>(end)));
+        answer(message, status ? message.createReply(*status) : errorReply(message, std::get<HelperError>(end)));
     });
 }
 
 void HelperService::kill(const QDBusMessage &message, const Authority::Caller &caller)
 {
     if (tunnel_.owner() && tunnel_.owner() != caller.uid && caller.uid != 0) {
-        answer(errorReply(message, {Kind::NotAuthorized, "It is another user's tunnel."}));
+        answer(message, errorReply(message, {Kind::NotAuthorized, "It is another user's tunnel."}));
         return;
     }
     judge_.abandon(caller.uid);
-    tunnel_.stop([this, message, caller] { answer(message.createReply()); });
+    tunnel_.stop([this, message, caller] { answer(message, message.createReply()); });
 }
 
-void HelperService::answer(const QDBusMessage &reply)
+void HelperService::answer(const QDBusMessage &message, const QDBusMessage &reply)
 {
-    bus_.send(reply);
+    // A sender that wants no answer may not get one, or the bus would log it.
+    if (message.isReplyRequired())
+        bus_.send(reply);
     --open_;
     idle_.start();
 }
@@ -133,5 +154,7 @@ void HelperService::leave()
             emit finished();
         else if (bus_.registerService(QLatin1String(HelperNames::service)))
             idle_.start();
+        else
+            finish(); // another helper has begun, and there is but one tunnel
     });
 }

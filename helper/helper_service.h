@@ -39,7 +39,7 @@ private:
     void start(const QDBusMessage &message, uid_t uid, const QByteArray &configuration);
     void kill(const QDBusMessage &message, const Authority::Caller &caller);
     [[nodiscard]] std::optional<HelperError> obstacle(uid_t uid) const;
-    void answer(const QDBusMessage &reply);
+    void answer(const QDBusMessage &message, const QDBusMessage &reply);
     void leave();
 
     QDBusConnection bus_;

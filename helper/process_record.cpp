@@ -53,6 +53,8 @@ void ProcessRecord::killLeftover(const QByteArray &path)
     ::pidfd_send_signal(process.get(), SIGTERM, nullptr, 0);
     if (::poll(&watched, 1, patience) > 0)
         return;
+    // With its scripts: they must not go on beside the one that cleans up. It leads a session of its own.
     ::pidfd_send_signal(process.get(), SIGKILL, nullptr, 0);
+    ::kill(-pid, SIGKILL);
     ::poll(&watched, 1, lastPatience);
 }

@@ -17,10 +17,12 @@ namespace {
 
 bool becomeCaller(const Caller &caller)
 {
-    // The wish to die with the helper ends with a change of user, so it comes after it.
+    // The wish to die with the helper ends with a change of user, and so may the secrecy of its memory: the caller
+    // must not get a core of it.
     return ::syscall(SYS_setgroups, caller.groups.size(), caller.groups.data()) == 0 &&
            ::syscall(SYS_setresgid, caller.gid, caller.gid, caller.gid) == 0 &&
-           ::syscall(SYS_setresuid, caller.uid, caller.uid, caller.uid) == 0 && ::prctl(PR_SET_PDEATHSIG, SIGKILL) == 0;
+           ::syscall(SYS_setresuid, caller.uid, caller.uid, caller.uid) == 0 &&
+           ::prctl(PR_SET_PDEATHSIG, SIGKILL) == 0 && ::prctl(PR_SET_DUMPABLE, 0) == 0;
 }
 
 Found judge(const struct stat &status, const Wanted &wanted, uid_t caller)
@@ -79,6 +81,10 @@ bool tell(int pipe, const void *bytes, size_t length)
     constexpr int kept = 3;
     if (::dup2(pipe, kept) < 0 || ::close_range(kept + 1, ~0U, 0) != 0)
         ::_exit(1);
+    // From now on the process is the caller's to send signals to: all that is left to it is to stop or to kill.
+    sigset_t all;
+    ::sigfillset(&all);
+    ::sigprocmask(SIG_BLOCK, &all, nullptr);
     const bool isCaller = becomeCaller(caller);
     for (const Wanted &file : wanted) {
         const Header header = isCaller ? readInto(buffer, file, caller.uid) : Header{Found::NoRights, 0};

@@ -5,6 +5,7 @@
 #include "system_log.h"
 
 #include <QFile>
+#include <QMap>
 
 #include <optional>
 #include <utility>
@@ -40,6 +41,17 @@ std::optional<HelperError> judgeScript(const CallerFiles::File &given, const QBy
     return std::nullopt;
 }
 
+/// One line for each name, of which there are few, however often the file has it.
+void logDropped(const QList<Directive> &dropped)
+{
+    QMap<QByteArray, int> firstLines;
+    for (const Directive &each : dropped)
+        if (const QByteArray name(each.name); !firstLines.contains(name))
+            firstLines.insert(name, each.line);
+    for (const auto &[name, line] : firstLines.asKeyValueRange())
+        SystemLog::write(u"Configuration: \"%1\" is left out, first in line %2."_s.arg(QLatin1String(name)).arg(line));
+}
+
 std::variant<QByteArray, HelperError> judged(const std::vector<CallerFiles::File> &files, const HelperPaths &paths)
 {
     if (const auto *unreadable = std::get_if<CallerFiles::Unreadable>(&files[0]))
@@ -52,9 +64,7 @@ std::variant<QByteArray, HelperError> judged(const std::vector<CallerFiles::File
     if (auto refused = judgeScript(files[2], paths.clientDown))
         return *std::move(refused);
     const auto &accepted = std::get<Configuration>(configuration);
-    for (const Directive &dropped : accepted.dropped)
-        SystemLog::write(
-            u"Configuration: line %1, \"%2\" is left out."_s.arg(dropped.line).arg(QLatin1String(dropped.name)));
+    logDropped(accepted.dropped);
     return canonicalConfiguration(accepted.directives);
 }
 

@@ -113,6 +113,24 @@ TEST_F(HelperTest, aUserHasSixteenMessagesUnderWayAndAnotherUserItsOwn)
     EXPECT_TRUE(waitFor([&] { return outcome(run()) == "NotAuthorized"; }));
 }
 
+TEST_F(HelperTest, hugeMessagesAreRefusedAndDoNotMakeTheHelperDeaf)
+{
+    authority.answer = ScriptedAuthority::Answer::Hold;
+    const QString huge(30'000'000, u'a');
+    std::vector<QDBusPendingCall> calls;
+    EXPECT_NE(outcome(send(u"getVersion"_s)), "no answer");
+    // So that they are there all at once.
+    ::kill(helperPid(), SIGSTOP);
+    for (int i = 0; i < 4; ++i)
+        calls.push_back(send(u"runOpenVPN"_s, {huge, path(u"client.up"), path(u"client.down")}));
+    const pid_t helper = helperPid(); // answered by the bus after it has them all
+    ::kill(helper, SIGCONT);
+    for (const auto &call : calls)
+        EXPECT_EQ(outcome(call), "ConfigUnsafe");
+    EXPECT_NE(outcome(send(u"getVersion"_s)), "no answer");
+    EXPECT_TRUE(authority.asked.isEmpty());
+}
+
 TEST_F(HelperTest, ofTheRequestsThatWaitForATunnelsEndTheOldestGivesWay)
 {
     std::vector<QDBusPendingCall> calls{run()};
