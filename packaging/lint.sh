@@ -12,7 +12,7 @@ files '*.sh' .ci/run resources/client.up resources/client.down 'packaging/debian
 echo "shellcheck: clean"
 
 desktop-file-validate packaging/*.desktop
-appstreamcli validate --no-net --quiet build/packaging/*.metainfo.xml
+appstreamcli validate --no-net build/packaging/*.metainfo.xml
 echo "desktop entry and metainfo: clean"
 
 # A room is reached through its target, never by a path.
