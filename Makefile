@@ -5,7 +5,7 @@ JOBS ?= $(shell nproc)
 FUZZ_SECONDS ?= 60
 export CTEST_OUTPUT_ON_FAILURE = 1
 
-.PHONY: build test demo asan tsan lint fuzz packages install clean
+.PHONY: build test demo asan tsan lint fuzz packages install uninstall deb clean
 
 build: packages
 	cmake --preset $(PRESET)
@@ -32,8 +32,20 @@ demo:
 	$(MAKE) --no-print-directory build
 	lab/demo.sh
 
+# The running system hears of it at once; any other place is only filled.
+to_the_system = $(if $(DESTDIR)$(filter-out /usr,$(PREFIX)),,$(1))
 install: build
-	DESTDIR="$(DESTDIR)" cmake --install build $(if $(PREFIX),--prefix "$(PREFIX)")
+	umask 022; DESTDIR="$(DESTDIR)" cmake --install build $(if $(PREFIX),--prefix "$(PREFIX)")
+	$(call to_the_system,packaging/debian/postinst configure)
+
+uninstall: build
+	$(call to_the_system,packaging/debian/prerm remove)
+	DESTDIR="$(DESTDIR)" packaging/uninstall.sh build $(if $(PREFIX),--prefix "$(PREFIX)")
+	$(call to_the_system,packaging/debian/postrm remove)
+
+# build/corvale_VERSION_ARCHITECTURE.deb, and what lintian thinks of it.
+deb: build
+	packaging/make-deb.sh build
 
 packages:
 	@packaging/install-packages.sh packages.txt

@@ -8,6 +8,10 @@ target_compile_options(corvale_flags INTERFACE
 target_compile_definitions(corvale_flags INTERFACE
   QT_NO_CAST_FROM_ASCII QT_NO_CAST_TO_ASCII QT_NO_FOREACH QT_STRICT_ITERATORS
   QT_DISABLE_DEPRECATED_BEFORE=0x060400)
+# Two checkouts of one commit make the same programs to the byte, once they are stripped: no path of this one is written
+# into them, and no sum over the debug information, which a compiler cache writes in other words.
+target_compile_options(corvale_flags INTERFACE "-ffile-prefix-map=${CMAKE_SOURCE_DIR}=.")
+target_link_options(corvale_flags INTERFACE -Wl,--build-id=none)
 if(CORVALE_WERROR)
   target_compile_options(corvale_flags INTERFACE -Werror)
 endif()

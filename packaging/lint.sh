@@ -1,5 +1,5 @@
 #!/bin/sh
-# Format, static analysis and shell checks over everything that git knows or does not ignore.
+# Format, static analysis, shell and desktop checks over everything that git knows or does not ignore.
 set -eu
 cd "$(dirname "$0")/.."
 
@@ -8,8 +8,12 @@ files() { git ls-files --cached --others --exclude-standard -- "$@" | while read
 files '*.cpp' '*.h' | xargs clang-format --dry-run --Werror
 echo "clang-format: clean"
 
-files '*.sh' .ci/run resources/client.up resources/client.down | xargs shellcheck
+files '*.sh' .ci/run resources/client.up resources/client.down 'packaging/debian/p*' | xargs shellcheck
 echo "shellcheck: clean"
+
+desktop-file-validate packaging/*.desktop
+appstreamcli validate --no-net build/packaging/*.metainfo.xml
+echo "desktop entry and metainfo: clean"
 
 # A room is reached through its target, never by a path.
 if files '*.cpp' '*.h' | xargs grep -nE '#include "\.\./'; then
