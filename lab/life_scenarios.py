@@ -5,7 +5,7 @@ import time
 
 import machine
 import plain
-from helper_calls import CANONICAL, HANDED_OUT, expect, hand_out, kill_helper, start_helper
+from helper_calls import CANONICAL, HANDED_OUT, HELPER, call, expect, hand_out, kill_helper, start_helper
 from session import Failure, wait_for
 from stage import ANA, Stage
 from traces import check_as_before, processes, rested, settled_traces
@@ -81,6 +81,7 @@ def kills():
             except Failure as failure:
                 wrong.append(f"{victim} killed while {phase}: {failure}")
                 print(f"  WRONG: {failure}; another client:")
+                call("ana", f"{HELPER}.killOpenVPN")
                 another_client(stage)
     print("  ended processes that nobody has waited for:", *processes(dead=True) or ["none"])
     if processes(dead=True):
@@ -92,6 +93,13 @@ def starting(stage):
     """OpenVPN has just been started, and the client is yet to find its management port."""
     stage.person.sign_in(*ANA)
     wait_for("OpenVPN", machine.openvpn_pid)
+
+
+def authenticating(stage):
+    """OpenVPN has just been given the password."""
+    said = len(stage.client.lines)
+    stage.person.sign_in(*ANA)
+    told(stage, said, f"password 'Auth' {ANA[1]}")
 
 
 def connecting(stage):
@@ -108,10 +116,15 @@ def disconnecting(stage):
     HANDED_OUT.unlink()
     said = len(stage.client.lines)
     stage.person.do("click")
-    wait_for("the client's word to OpenVPN", lambda: any(line == "signal SIGINT" for _, line in stage.client.lines[said:]))
+    told(stage, said, "signal SIGINT")
 
 
-PHASES = {"starting": starting, "connecting": connecting, "connected": Stage.connect, "disconnecting": disconnecting}
+def told(stage, since, word):
+    wait_for("the client's word to OpenVPN", lambda: any(line == word for _, line in stage.client.lines[since:]))
+
+
+PHASES = {"starting": starting, "authenticating": authenticating, "connecting": connecting, "connected": Stage.connect,
+          "disconnecting": disconnecting}
 
 
 def killed(stage, victim, phase, before):
@@ -133,6 +146,18 @@ def killed(stage, victim, phase, before):
         start_helper()
         machine.check_gone()
         check_as_before(stage, before)
-    stage.connect()
+        stage.connect()
+    else:
+        taken_over(stage)
     stage.disconnect()
     check_as_before(stage, before)
+
+
+def taken_over(stage):
+    """With one click. An OpenVPN that had no password yet may be connected twice: it takes the password, and only then
+    can it be made to read its file again."""
+    click = stage.person.sign_in(*ANA)
+    wait_for("the tunnel", lambda: stage.person.do("window")["title"] == "Desconectar" and machine.reply_from_inside())
+    titles = [f"{title} {when - click:.3f}" for when, title in stage.person.titles if when >= click]
+    print("  button after the click:", ", ".join(titles))
+    machine.check_connected()
