@@ -146,6 +146,7 @@ def killed(stage, victim, phase, before):
         start_helper()
         machine.check_gone()
         check_as_before(stage, before)
+        expect(stage.person.do("window")["title"] == "Conectar", "the button says something else again")
         stage.connect()
     else:
         taken_over(stage)
