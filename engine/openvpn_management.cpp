@@ -14,6 +14,7 @@ constexpr char address[] = "127.0.0.1";
 constexpr quint16 port = 1337;
 constexpr int readSize = 2048;
 constexpr auto pauseAfterRead = 100ms;
+constexpr auto patience = 1s;
 
 } // namespace
 
@@ -36,6 +37,7 @@ void OpenVPNManagement::readLoop()
     QByteArray buffer;
     quint64 connection = 0;
     do {
+        const quint64 number = beginRead();
         const TCPClient::Chunk chunk = socket.read(readSize);
         // Half a line of an earlier OpenVPN must not become the beginning of the next one's first line.
         if (chunk.connection != connection)
@@ -43,7 +45,33 @@ void OpenVPNManagement::readLoop()
         connection = chunk.connection;
         if (!chunk.bytes.isEmpty() && chunk.bytes.isValidUtf8())
             buffer = processBuffer(buffer + chunk.bytes);
+        if (chunk.bytes.isEmpty())
+            foundNothing(number);
     } while (BackgroundQueue::pause(pauseAfterRead));
+}
+
+quint64 OpenVPNManagement::beginRead()
+{
+    const std::scoped_lock lock(readsGuard_);
+    return ++reads_;
+}
+
+void OpenVPNManagement::foundNothing(quint64 number)
+{
+    {
+        const std::scoped_lock lock(readsGuard_);
+        emptyRead_ = number;
+    }
+    readNothing_.notify_all();
+}
+
+void OpenVPNManagement::catchUp()
+{
+    if (!reading_.test())
+        return;
+    std::unique_lock lock(readsGuard_);
+    // A read that is under way may have looked too early.
+    readNothing_.wait_for(lock, patience, [this, next = reads_ + 1] { return emptyRead_ >= next; });
 }
 
 QByteArray OpenVPNManagement::processBuffer(const QByteArray &buffer)

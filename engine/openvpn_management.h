@@ -5,6 +5,8 @@
 #include <QByteArray>
 
 #include <atomic>
+#include <condition_variable>
+#include <mutex>
 
 /// The client end of OpenVPN's management interface, 127.0.0.1 port 1337. Owned by the tunnel service for the life of
 /// the process: the reader refers to it without end.
@@ -20,6 +22,10 @@ public:
     /// Starts the one reader, on the background queue, and returns at once. Any thread. Later calls do nothing: the
     /// reader serves every later connection too, and starts each with an empty buffer.
     void startReading();
+
+    /// Returns when every line that had arrived before the call has been dispatched, after a second at the most; at
+    /// once when there is no reader. Any thread but the reader's.
+    void catchUp();
 
     /// Sends `command` unchanged (the caller ends it with LF) and echoes it, and the error where there is one, to
     /// standard output in one write. Any thread; blocks as `TCPClient::send` does. The caller is not told of failures.
@@ -37,6 +43,12 @@ public:
 
 private:
     void readLoop();
+    quint64 beginRead();
+    void foundNothing(quint64 number);
 
     std::atomic_flag reading_;
+    std::mutex readsGuard_; ///< of the two below; nothing else happens under it
+    quint64 reads_ = 0;     ///< how many the reader has begun
+    quint64 emptyRead_ = 0; ///< the last one that found nothing: all before it is dispatched
+    std::condition_variable readNothing_;
 };

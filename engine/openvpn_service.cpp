@@ -108,6 +108,8 @@ void OpenVPNService::updateState(const QString &name)
 void OpenVPNService::openvpnDidExit(qint32 status)
 {
     SystemLog::write(u"OpenVPN exited: termiationStatus="_s + QString::number(status));
+    // What OpenVPN said last may be unread still. Heard after its end, it would stay the state for ever.
+    management.catchUp();
     const std::scoped_lock lock(guard_);
     if (state_ != ConnectionState::noProcess)
         store(ConnectionState::noProcess);

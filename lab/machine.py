@@ -9,8 +9,24 @@ import urllib.request
 from session import HERE, Failure, wait_for
 
 RESOLVER = pathlib.Path("/etc/resolv.conf")
-BEFORE = RESOLVER.read_text(encoding="utf-8")
 INSIDE = "10.77.0.1"
+
+
+def routes():
+    """Every route and every rule, of both families."""
+    return subprocess.run("ip route show table all; ip -6 route show table all; ip rule; ip -6 rule", shell=True,
+                          capture_output=True, text=True, check=True).stdout.splitlines()
+
+
+def settled_routes():
+    """A new address has its routes only when it is sure that nobody else has it."""
+    wait_for("the addresses", lambda: not subprocess.run(["ip", "address", "show", "tentative"], capture_output=True,
+                                                         check=True).stdout)
+    return routes()
+
+
+BEFORE = RESOLVER.read_text(encoding="utf-8")
+ROUTES = settled_routes()
 
 
 def tunnel_interfaces():
@@ -62,13 +78,18 @@ def check_connected():
 
 
 def check_gone(limit=20.0):
-    """No OpenVPN, no tunnel, no way inside, and the name servers of before."""
+    """No OpenVPN, no tunnel, no way inside, and the name servers and routes of before."""
     wait_for("OpenVPN's end", lambda: not openvpn_pid(), limit)
     wait_for("the tunnel's end", lambda: not tunnel_interfaces())
     wait_for("the name servers of before", lambda: RESOLVER.read_text(encoding="utf-8") == BEFORE)
+    try:
+        wait_for("the routes of before", lambda: routes() == ROUTES, 5)
+    except Failure:
+        changed = sorted(set(routes()).symmetric_difference(ROUTES))
+        raise Failure(f"the routes are not those of before: {changed}") from None
     if reply_from_inside():
         raise Failure("the page behind the tunnel is reached without a tunnel")
-    print("  OpenVPN, tunnel and route are gone; /etc/resolv.conf is as before")
+    print("  OpenVPN and tunnel are gone; /etc/resolv.conf, routes and rules are as before")
 
 
 def server(what):

@@ -6,7 +6,7 @@ import subprocess
 import time
 
 import machine
-from helper_scenarios import HELPER, call, helper_pid, run_folder
+from helper_calls import HELPER, call, helper_pid, run_folder
 from session import HERE, LOGS, Failure, wait_for
 from stage import Stage
 

@@ -1,8 +1,8 @@
 """What is shown inside the private machine, one function each. A scenario either returns or raises Failure.
 
 usage: scenario.py connect|wrong-password|server-late|server-restart|server-reset|rejected|reuse|plain
-       scenario.py takeover|cycles|refusals|confined|profiles|race        what the helper promises
-       scenario.py package                                               the Debian package
+       scenario.py takeover|cycles|kills|refusals|confined|profiles|race        what the helper promises
+       scenario.py package                                                     the Debian package
 """
 import os
 import sys
@@ -11,8 +11,10 @@ import time
 import machine
 import plain
 import timeline
-from helper_scenarios import HELPER_SCENARIOS
+from configuration_scenarios import profiles, race
+from life_scenarios import cycles, kills, takeover
 from package_scenarios import PACKAGE_SCENARIOS
+from refusal_scenarios import confined, refusals
 from session import LOGS, Failure, Session, wait_for
 from stage import ANA, BERTA, Stage
 
@@ -145,7 +147,14 @@ SCENARIOS = {
     "rejected": rejected,
     "reuse": reuse,
     "plain": plain_only,
-} | HELPER_SCENARIOS | PACKAGE_SCENARIOS
+    "takeover": takeover,
+    "cycles": cycles,
+    "kills": kills,
+    "refusals": refusals,
+    "confined": confined,
+    "profiles": profiles,
+    "race": race,
+} | PACKAGE_SCENARIOS
 
 
 def main():

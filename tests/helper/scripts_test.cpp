@@ -1,4 +1,4 @@
-// The two scripts as they are, in a mount namespace in which the files that they change are the test's own.
+// The two scripts as they are, in namespaces in which the files and the routes that they change are the test's own.
 
 #include <QByteArray>
 #include <QFile>
@@ -17,7 +17,7 @@ protected:
     void SetUp() override
     {
         if (::geteuid() != 0)
-            GTEST_SKIP() << "only root has a mount namespace for itself";
+            GTEST_SKIP() << "only root has namespaces for itself";
         write("resolv.conf", original);
     }
     void write(const QByteArray &name, const QByteArray &bytes) const
@@ -41,7 +41,7 @@ protected:
                               "for tool in resolvconf resolvectl; do for at in /usr/sbin /usr/bin; do\n"
                               "[ ! -e $at/$tool ] || mount --bind /dev/null $at/$tool; done; done\n" +
                               QByteArray(commands).replace("UP", CLIENT_UP).replace("DOWN", CLIENT_DOWN) + '\n');
-        return std::system("unshare -m sh " + folder.filePath(u"commands"_s).toUtf8());
+        return std::system("unshare -mn sh " + folder.filePath(u"commands"_s).toUtf8());
     }
 
     static constexpr char original[] = "nameserver 192.0.2.1\noptions edns0\n";
@@ -92,25 +92,111 @@ TEST_F(ScriptsTest, aSecondTunnelAfterACrashDoesNotTakeTheFirstOnesServersForThe
     EXPECT_EQ(read("resolv.conf"), original);
 }
 
-/// Puts the test's resolvconf, alone in its folder, where the scripts search first.
-const QByteArray withResolvconf =
-    "mount -t tmpfs none /usr/sbin\ncp resolvconf /usr/sbin/resolvconf; chmod 755 /usr/sbin/resolvconf\n";
+/// Puts the test's tool, alone in its folder, where the scripts search first.
+QByteArray with(const QByteArray &tool)
+{
+    return "mount -t tmpfs none /usr/sbin\ncp tool /usr/sbin/" + tool + "; chmod 755 /usr/sbin/" + tool + '\n';
+}
 
 TEST_F(ScriptsTest, aWayThatFailsIsTakenBackBeforeTheNextIsTried)
 {
-    write("resolvconf", "#!/bin/sh\n[ $1 = -d ]\n");
-    EXPECT_EQ(inside(withResolvconf +
+    write("tool", "#!/bin/sh\n[ $1 = -d ]\n");
+    EXPECT_EQ(inside(with("resolvconf") +
                      "env dev=tun3 foreign_option_1='dhcp-option DNS 10.8.0.1' UP; cat /etc/resolv.conf >during; DOWN"),
               0);
     EXPECT_EQ(read("during"), "nameserver 10.8.0.1\noptions edns0\n");
     EXPECT_EQ(read("resolv.conf"), original);
 }
 
-TEST_F(ScriptsTest, resolvconfIsUsedWhereItIsThere)
+TEST_F(ScriptsTest, theSystemsOwnToolIsUsedWhereItIsThere)
 {
-    write("resolvconf", "#!/bin/sh\necho \"$@\" >>" + folder.path().toUtf8() + "/calls; [ $1 = -d ] || cat >>" +
-                            folder.path().toUtf8() + "/calls\n");
-    EXPECT_EQ(inside(withResolvconf + "env dev=tun3 foreign_option_1='dhcp-option DNS 10.8.0.1' UP; DOWN"), 0);
-    EXPECT_EQ(read("calls"), "-a tun3.corvale\nnameserver 10.8.0.1\n-d tun3.corvale\n");
-    EXPECT_EQ(read("resolv.conf"), original);
+    const std::pair<QByteArray, const char *> rows[] = {
+        {with("resolvconf"), "-a tun3.corvale\nnameserver 10.8.0.1\nsearch a.example\n-d tun3.corvale\n"},
+        {"mkdir -p /run/systemd/resolve\n" + with("resolvectl"),
+         "status tun3\ndns tun3 10.8.0.1\ndomain tun3 a.example ~.\nrevert tun3\n"},
+    };
+    write("tool", "#!/bin/sh\ncd " + folder.path().toUtf8() + "\necho \"$@\" >>calls; [ $1 != -a ] || cat >>calls\n");
+    for (const auto &[place, calls] : rows) {
+        write("calls", "");
+        EXPECT_EQ(inside(place + "env dev=tun3 dns_server_1_address_1=10.8.0.1 dns_search_domain_1=a.example UP; DOWN\n"
+                                 "[ -z \"$(ls /run/corvale)\" ]"),
+                  0);
+        EXPECT_EQ(read("calls"), calls);
+        EXPECT_EQ(read("resolv.conf"), original);
+    }
+}
+
+TEST_F(ScriptsTest, aLinkStaysTheLinkThatItWasAndWhatIsBehindItComesBack)
+{
+    // Each is where the link leads, and what is there during the tunnel.
+    const std::pair<const char *, const char *> rows[] = {
+        {"resolv.conf", "nameserver 10.8.0.1\noptions edns0\n"}, {"none", "nameserver 10.8.0.1\n"}, {"no/folder", ""}};
+    for (const auto &[target, during] : rows) {
+        EXPECT_EQ(inside("mount -t tmpfs none /etc; ln -s \"$PWD/" + QByteArray(target) +
+                         "\" /etc/resolv.conf\nenv dev=tun0 foreign_option_1='dhcp-option DNS 10.8.0.1' UP 2>said\n"
+                         "cat /etc/resolv.conf >during 2>said || :; DOWN; [ -L /etc/resolv.conf ]\n"
+                         "[ -z \"$(ls /run/corvale)\" ]"),
+                  0)
+            << target;
+        EXPECT_EQ(read("during"), during) << target;
+        EXPECT_EQ(read("resolv.conf"), original);
+        EXPECT_FALSE(QFile::exists(folder.filePath(u"none"_s)));
+    }
+}
+
+TEST_F(ScriptsTest, ofTheRoutesThatAKilledOpenVPNLeavesItsOwnAreTakenBackAndNoOther)
+{
+    struct Row {
+        const char *environment;
+        const char *meanwhile; ///< what OpenVPN and others do to the routes
+        const char *after;     ///< how that differs from what was there before
+    };
+    // 192.0.2.7 has a route of its own before the tunnel.
+    const Row rows[] = {
+        {"trusted_ip=203.0.113.20 route_net_gateway=198.51.100.1",
+         "add 203.0.113.20 via 198.51.100.1; add 198.51.100.1 via 198.51.100.1 dev wan; add 10.0.0.0/8 via "
+         "198.51.100.1",
+         "> 10.0.0.0/8 via 198.51.100.1 dev wan \n"},
+        {"trusted_ip=203.0.113.20 route_net_gateway=198.51.100.1", "add 203.0.113.20 via 198.51.100.9; del default",
+         "> 203.0.113.20 via 198.51.100.9 dev wan \n"},
+        {"trusted_ip=203.0.113.20 route_net_gateway=198.51.100.1",
+         "add 203.0.113.20 via 198.51.100.1 proto dhcp; del default; add default via 198.51.100.9",
+         "> 203.0.113.20 via 198.51.100.1 dev wan proto dhcp \n< default via 198.51.100.1 dev wan proto dhcp metric "
+         "100 \n> default via 198.51.100.9 dev wan \n"},
+        {"trusted_ip=192.0.2.7 route_net_gateway=198.51.100.1", "list", ""},
+        {"trusted_ip=203.0.113.20 route_net_gateway=0.0.0.0",
+         "add 203.0.113.20 dev lo; add 203.0.113.20 dev wan scope global metric 9",
+         "> 203.0.113.20 dev lo scope link \n"},
+        {"route_vpn_gateway=10.8.0.1 route_network_1=10.1.0.0 route_netmask_1=255.255.0.0 route_gateway_1=198.51.100.1 "
+         "route_network_2=10.2.0.1 route_netmask_2=255.255.255.255 route_gateway_2=198.51.100.9 "
+         "route_network_3=192.0.2.7 route_netmask_3=255.255.255.255 route_gateway_3=198.51.100.1",
+         "add 10.1.0.0/16 via 198.51.100.1; add 10.2.0.1 via 198.51.100.9 metric 5", ""},
+        {"trusted_ip6=2001:db8::20 route_ipv6_network_1=2001:db8::20/128 route_ipv6_gateway_1=fe80::1 "
+         "route_ipv6_network_2=2000::/4 route_ipv6_gateway_2=fd08::1",
+         "add 2001:db8::20 via fe80::1 dev wan metric 1; add 2001:db8::21 via fe80::1 dev wan",
+         "> 2001:db8::21 via fe80::1 dev wan metric 1024 pref medium\n"},
+        {"trusted_ip6=2001:db8::20 route_ipv6_network_1=2001:db8::20/128 route_ipv6_gateway_1=::",
+         "add 2001:db8::20 dev wan metric 1", ""},
+        {"trusted_ip='203.0.113.20 via 198.51.100.9' route_net_gateway='$(touch evaluated)' route_network_1='`touch "
+         "evaluated`' route_netmask_1=* route_gateway_1=198.51.100.1 trusted_ip6='::1;touch evaluated'",
+         "add 203.0.113.20 via 198.51.100.9", "> 203.0.113.20 via 198.51.100.9 dev wan \n"},
+    };
+    for (const Row &row : rows) {
+        // No name server was pushed, and the second tunnel comes after a crash.
+        EXPECT_EQ(
+            inside("ip link add wan type veth peer far; ip link set far up; ip link set wan up; ip link set lo up\n"
+                   "ip address add 198.51.100.2/24 dev wan; ip address add fd01::2/64 dev wan nodad\n"
+                   "ip route add default via 198.51.100.1 metric 100 proto dhcp\n"
+                   "ip route add 192.0.2.7 via 198.51.100.1; ip -6 route add default dev wan metric 100\n"
+                   "add() { case $1 in *:*) ip -6 route add \"$@\";; *) ip route add \"$@\";; esac; }\n"
+                   "del() { ip route del \"$@\"; }; list() { :; }; all() { ip route; ip -6 route; }\n"
+                   "all >before; export dev=odd " +
+                   QByteArray(row.environment) + "\nUP; " + row.meanwhile +
+                   "\nUP; DOWN; all >now; [ -z \"$(ls /run/corvale)\" ]\n"
+                   "sort before >one; sort now >two; diff one two | grep '^[<>]' >after || :"),
+            0)
+            << row.environment;
+        EXPECT_EQ(read("after"), row.after) << row.environment;
+        EXPECT_FALSE(QFile::exists(folder.filePath(u"evaluated"_s)));
+    }
 }

@@ -1,0 +1,98 @@
+"""Everything that a tunnel could leave behind, and whether it did."""
+import collections
+import os
+import pathlib
+import time
+
+import machine
+from helper_calls import RUN, run_folder, start_helper
+from session import Failure, wait_for
+
+THREAD = "anon_inode:[eventfd]"  # every thread of Qt's waits with one, and idle ones of its pool end after half a minute
+
+
+def descriptors(pid):
+    """How many of each kind, but for those whose number depends on how long ago something happened."""
+    links = []
+    for path in pathlib.Path(f"/proc/{pid}/fd").iterdir():
+        try:
+            links.append(os.readlink(path))
+        except OSError:
+            continue
+    return collections.Counter(link.rstrip("0123456789]") for link in links if link != THREAD)
+
+
+def processes(dead=False):
+    """How many of each program run in the machine, or of those that have ended and nobody has waited for."""
+    names = []
+    for path in pathlib.Path("/proc").glob("[0-9]*/stat"):
+        try:
+            name, state = path.read_text().split("(", 1)[1].rsplit(")", 1)
+        except OSError:
+            continue
+        if state.split()[0].startswith("Z") == dead:
+            names.append(name)
+    return collections.Counter(names)
+
+
+def traces(stage):
+    return {
+        "/etc/resolv.conf": machine.RESOLVER.read_text(encoding="utf-8"),
+        "routes and rules": machine.routes(),
+        "interfaces": sorted(os.listdir("/sys/class/net")),
+        "processes": processes(),
+        RUN: run_folder(),
+        "the client's descriptors": descriptors(stage.client.process.pid),
+        "the helper's descriptors": descriptors(start_helper()),
+    }
+
+
+def settled_traces(stage):
+    """What there is once a whole second has changed nothing."""
+    seen = []
+
+    def calm():
+        seen.append(traces(stage))
+        time.sleep(1)
+        return len(seen) > 1 and seen[-1] == seen[-2] and seen[-1]
+
+    return wait_for("the machine to come to rest", calm)
+
+
+def more(what, before, now):
+    """Descriptors may be fewer: an idle connection to the account service closes in its own time."""
+    return now - before if "descriptors" in str(what) else now != before
+
+
+def difference(before, now):
+    if isinstance(now, list):
+        return f"gone {[each for each in before if each not in now]}, new {[each for each in now if each not in before]}"
+    return f"before {before!r}, now {now!r}"
+
+
+def check_as_before(stage, before):
+    left = []
+
+    def same():
+        now = traces(stage)
+        left[:] = [f"{what}: {difference(before[what], now[what])}" for what in before
+                   if more(what, before[what], now[what])]
+        return not left
+
+    try:
+        wait_for("everything as before", same, 8)
+    except Failure:
+        raise Failure("left behind: " + "; ".join(left)) from None
+    print(f"  as before: {', '.join(map(str, before))}")
+
+
+def rested(stage, most=0):
+    """How many descriptors the client has, all kinds, when its idle threads have ended: nothing changed for longer than
+    they wait, or there are no more than `most`."""
+    folder = f"/proc/{stage.client.process.pid}/fd"
+    seen, since = len(os.listdir(folder)), time.monotonic()
+    while seen > most and time.monotonic() - since < 35:
+        time.sleep(1)
+        if len(os.listdir(folder)) != seen:
+            seen, since = len(os.listdir(folder)), time.monotonic()
+    return seen
