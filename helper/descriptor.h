@@ -9,6 +9,11 @@ public:
     explicit Descriptor(int descriptor = -1) : descriptor_(descriptor) {}
     ~Descriptor() { close(); }
     Descriptor(Descriptor &&other) noexcept : descriptor_(std::exchange(other.descriptor_, -1)) {}
+    Descriptor &operator=(Descriptor &&other) noexcept
+    {
+        std::swap(descriptor_, other.descriptor_); // the other closes it
+        return *this;
+    }
     Descriptor(const Descriptor &) = delete;
     Descriptor &operator=(const Descriptor &) = delete;
 
