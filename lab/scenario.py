@@ -2,6 +2,7 @@
 
 usage: scenario.py connect|wrong-password|server-late|server-restart|server-reset|rejected|reuse|plain
        scenario.py takeover|cycles|refusals|confined|profiles|race        what the helper promises
+       scenario.py install|install-refused                               how it gets into the system
 """
 import os
 import sys
@@ -11,6 +12,7 @@ import machine
 import plain
 import timeline
 from helper_scenarios import HELPER_SCENARIOS
+from install_scenarios import INSTALL_SCENARIOS
 from session import LOGS, Failure, Session, wait_for
 from stage import ANA, BERTA, Stage
 
@@ -143,7 +145,7 @@ SCENARIOS = {
     "rejected": rejected,
     "reuse": reuse,
     "plain": plain_only,
-} | HELPER_SCENARIOS
+} | HELPER_SCENARIOS | INSTALL_SCENARIOS
 
 
 def main():
