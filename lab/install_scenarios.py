@@ -27,9 +27,13 @@ class Install(Stage):
     def __init__(self, agent=PASSWORD):
         make_administrator()
         self.agent = agent
+        self.client = self.prompts = None
         super().__init__()
 
     def launch(self):
+        for program in (self.client, self.prompts):
+            if program and program.process.poll() is None:
+                program.end()
         self.client = self.session.program("sh", "-c", "read go && exec corvale", stderr=subprocess.DEVNULL)
         self.prompts = None
         if self.agent:
@@ -67,12 +71,6 @@ class Install(Stage):
         """These beginnings, in this order, and nothing else."""
         log = self.log()
         expect(len(log) == len(lines) and all(map(str.startswith, log, lines)), f"the log is not {lines}")
-
-    def next_client(self):
-        self.client.end()
-        if self.prompts:
-            self.prompts.end()
-        self.start_client()
 
 
 def make_administrator():
@@ -158,7 +156,7 @@ def install():
     check_use(stage)
 
     print("  the next start, the same version:")
-    stage.next_client()
+    stage.start_client()
     stage.settled("Helper: Installed Version => ")
     stage.expect_log(f"Helper: Bundle Version => {OWN}", f"Helper: Installed Version => {OWN}")
     check_use(stage)
@@ -172,7 +170,7 @@ def install():
     stage.connect()
     older = helper_pid()
     bundle_becomes(OWN)
-    stage.next_client()
+    stage.start_client()
     stage.settled(SUCCESS, prompts=1)
     stage.expect_log(f"Helper: Bundle Version => {OWN}", "Helper: Installed Version => 0.9.0", SUCCESS)
     machine.check_gone()
@@ -182,14 +180,14 @@ def install():
 
     print("  a newer helper is installed:")
     put_older("2.0.0")
-    stage.next_client()
+    stage.start_client()
     stage.settled(SUCCESS, prompts=1)
     stage.expect_log(f"Helper: Bundle Version => {OWN}", "Helper: Installed Version => 2.0.0", SUCCESS)
     expect(installed_version() == OWN, "it was not replaced")
 
     print("  the bundle's version ends in a blank:")
     bundle_becomes(OWN + " ")
-    stage.next_client()
+    stage.start_client()
     stage.settled(SUCCESS, prompts=1)
     expect(stage.log() == [f"Helper: Bundle Version => {OWN} ", f"Helper: Installed Version => {OWN}", SUCCESS],
            "the log is another")
@@ -281,8 +279,6 @@ def check_end(stage, lines, prompts=0):
     stage.expect_log(*lines)
     print(f"    the client ended with status {status}")
     expect(status == 0, "the client did not end well")
-    if stage.prompts:
-        stage.prompts.end()
 
 
 INSTALL_SCENARIOS = {"install": install, "install-refused": install_refused}
