@@ -2,14 +2,13 @@
 
 #include "application_delegate.h"
 #include "background_queue.h"
+#include "captured_log.h"
 #include "message_connection.h"
 #include "private_bus.h"
 #include "wait_for.h"
 
-#include <QTemporaryFile>
 #include <QThread>
 
-#include <fcntl.h>
 #include <future>
 #include <gmock/gmock.h>
 #include <unistd.h>
@@ -22,6 +21,8 @@ using testing::SizeIs;
 using testing::StartsWith;
 
 namespace {
+
+constexpr char invalidated[] = "XPC Connection Invalidated\n";
 
 /// What handlers were called with, in order, from whichever thread.
 class Events {
@@ -46,32 +47,6 @@ public:
 private:
     mutable std::mutex guard_;
     std::vector<std::string> all_;
-};
-
-/// Standard error, where the system log writes too, for as long as this lives.
-class CapturedLog {
-public:
-    CapturedLog() : before_(::dup(STDERR_FILENO))
-    {
-        file_.open();
-        ::dup2(file_.handle(), STDERR_FILENO);
-    }
-    ~CapturedLog()
-    {
-        ::dup2(before_, STDERR_FILENO);
-        ::close(before_);
-    }
-    bool reach(qsizetype count) const
-    {
-        return waitFor([&] {
-            QFile file(file_.fileName());
-            return file.open(QIODevice::ReadOnly) && file.readAll().count("XPC Connection Invalidated\n") >= count;
-        });
-    }
-
-private:
-    QTemporaryFile file_;
-    const int before_;
 };
 
 class HelperConnectionTest : public testing::Test {
@@ -126,7 +101,7 @@ TEST_F(HelperConnectionTest, theDelegateKeepsOneConnectionUntilItIsInvalidatedAn
     EXPECT_EQ(delegate.helperConnection(), first);
 
     askVersion(first);
-    ASSERT_TRUE(log.reach(1));
+    ASSERT_TRUE(log.reach(invalidated, 1));
     EXPECT_THAT(events.all(), ElementsAre(StartsWith("error org.freedesktop.DBus.Error.ServiceUnknown: ")));
 
     bus.activate(name, {QStringLiteral(SCRIPTED_HELPER), u"2.0"_s});
@@ -147,12 +122,12 @@ TEST_F(HelperConnectionTest, anInvalidationIsLoggedInEveryCaseButClearsOnlyItsOw
     const auto current = delegate.helperConnection();
     ASSERT_NE(current, replaced);
     script(replaced, u"error"_s, name + ".Error.NotAuthorized"_L1, u"No."_s);
-    ASSERT_TRUE(log.reach(1));
+    ASSERT_TRUE(log.reach(invalidated, 1));
     EXPECT_EQ(delegate.helperConnection(), current);
 
     delegate.clearHelperConnection();
     script(current, u"error"_s, name + ".Error.NotAuthorized"_L1, u"No."_s);
-    EXPECT_TRUE(log.reach(2)); // the field is empty by now
+    EXPECT_TRUE(log.reach(invalidated, 2)); // the field is empty by now
 }
 
 TEST_F(HelperConnectionTest, aServiceThatNobodyCanActivateFailsTheMessageAndThenInvalidates)
