@@ -48,8 +48,7 @@ bool endsWithin(const Descriptor &process, int limit)
 
 } // namespace
 
-BlessBus::BlessBus(const QByteArray &address)
-    : bus_(QDBusConnection::connectToBus(QString::fromUtf8(address), ourName))
+BlessBus::BlessBus(const QByteArray &address) : bus_(QDBusConnection::connectToBus(QString::fromUtf8(address), ourName))
 {
 }
 
@@ -72,11 +71,11 @@ QByteArray BlessBus::reload(bool systemdRuns)
 {
     if (!bus_.isConnected())
         return {};
-    const QByteArray error = command(daemonName, daemonPath, daemonName, u"ReloadConfig"_s);
+    QByteArray error = command(daemonName, daemonPath, daemonName, u"ReloadConfig"_s);
     if (!error.isEmpty() || !systemdRuns)
         return error;
-    return command(u"org.freedesktop.systemd1"_s, u"/org/freedesktop/systemd1"_s,
-                   u"org.freedesktop.systemd1.Manager"_s, u"Reload"_s);
+    return command(u"org.freedesktop.systemd1"_s, u"/org/freedesktop/systemd1"_s, u"org.freedesktop.systemd1.Manager"_s,
+                   u"Reload"_s);
 }
 
 /// The bus daemon's answer, or an invalid value.

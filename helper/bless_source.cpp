@@ -14,13 +14,13 @@
 #include <sys/stat.h>
 
 /// This very program's own header, as it lies in memory.
-extern "C" const ElfW(Ehdr) __ehdr_start; // NOLINT(bugprone-reserved-identifier): the linker's name for it
+extern const ElfW(Ehdr) ownHeader asm("__ehdr_start");
 
 namespace {
 
 using BlessSource::Refusal;
 
-constexpr qsizetype largestHelper = 64 * 1024 * 1024;
+constexpr qsizetype largestHelper = 64LL * 1024 * 1024;
 constexpr mode_t othersWrite = S_IWGRP | S_IWOTH;
 
 struct stat statusOf(const Descriptor &file)
@@ -108,7 +108,7 @@ QByteArray BlessSource::flaw(const QByteArray &helper)
     ElfW(Ehdr) header{};
     std::memcpy(&header, helper.constData(), std::min(sizeof header, static_cast<size_t>(helper.size())));
     // Up to the version: width and byte order.
-    if (std::memcmp(header.e_ident, __ehdr_start.e_ident, EI_OSABI) != 0 || header.e_machine != __ehdr_start.e_machine ||
+    if (std::memcmp(header.e_ident, ownHeader.e_ident, EI_OSABI) != 0 || header.e_machine != ownHeader.e_machine ||
         (header.e_type != ET_DYN && header.e_type != ET_EXEC))
         return "The file is not a program for this machine.";
     const auto identifier = InfoDictionary::text(helper, "CFBundleIdentifier");

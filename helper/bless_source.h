@@ -5,7 +5,8 @@
 #include <sys/types.h>
 #include <variant>
 
-/// The file that somebody wants to have run as root from now on. What cannot be told to be theirs, and ours, is refused.
+/// The file that somebody wants to have run as root from now on. What cannot be told to be theirs, and ours, is
+/// refused.
 namespace BlessSource {
 
 /// One sentence for a person; it quotes nothing of the file.

@@ -93,7 +93,7 @@ void ApplicationDelegate::forget(const std::weak_ptr<HelperConnection> &connecti
         forgotten.swap(xpcHelperConnection_);
 }
 
-void ApplicationDelegate::shouldInstallHelperWithCallback(std::function<void(bool)> callback)
+void ApplicationDelegate::shouldInstallHelperWithCallback(const std::function<void(bool)> &callback)
 {
     const auto bundleVersion = InfoDictionary::textInFile(bundleHelper(), "CFBundleVersion");
     if (!bundleVersion) {
@@ -101,11 +101,10 @@ void ApplicationDelegate::shouldInstallHelperWithCallback(std::function<void(boo
         return;
     }
     SystemLog::write(u"Helper: Bundle Version => "_s + *bundleVersion);
-    const auto helper =
-        helperConnection()->remoteObjectProxyWithErrorHandler([callback](const MessageError &error) {
-            SystemLog::write(error.text.isEmpty() ? error.name : error.text);
-            callback(false);
-        });
+    const auto helper = helperConnection()->remoteObjectProxyWithErrorHandler([callback](const MessageError &error) {
+        SystemLog::write(error.text.isEmpty() ? error.name : error.text);
+        callback(false);
+    });
     helper->getVersionWithResponseHandler([callback, bundleVersion](const QString &installedVersion) {
         SystemLog::write(u"Helper: Installed Version => "_s + installedVersion);
         callback(installedVersion == *bundleVersion);

@@ -31,7 +31,7 @@ public:
     /// when they are the same text, with false when they differ or the installed one cannot be asked, then on the
     /// connection's private thread. A bundle's helper whose version cannot be read is false at once, on the calling
     /// thread. A helper that does not answer has nothing called. Any thread; reads the file, and does not wait.
-    void shouldInstallHelperWithCallback(std::function<void(bool)> callback);
+    void shouldInstallHelperWithCallback(const std::function<void(bool)> &callback);
 
     /// Installs the bundle's helper, in the place of whichever there is; whoever holds a connection to it should forget
     /// that one. A person may be asked for a password: blocks until that and the installation are over. Any thread.

@@ -8,7 +8,7 @@
 
 #include <cstring>
 #include <fcntl.h>
-#include <libelf.h>
+#include <gelf.h>
 #include <memory>
 #include <plist/plist.h>
 #include <unistd.h>
@@ -16,7 +16,7 @@
 namespace {
 
 constexpr char section[] = ".info_plist";
-constexpr size_t largestList = 64 * 1024;
+constexpr size_t largestList = 65536;
 
 using ElfFile = std::unique_ptr<Elf, decltype([](Elf *elf) { elf_end(elf); })>;
 using Node = std::unique_ptr<void, decltype([](plist_t node) { plist_free(node); })>;
@@ -28,12 +28,12 @@ QByteArray sectionBytes(Elf *elf)
     if (elf_kind(elf) != ELF_K_ELF || elf_getshdrstrndx(elf, &names) != 0)
         return {};
     for (Elf_Scn *candidate = elf_nextscn(elf, nullptr); candidate; candidate = elf_nextscn(elf, candidate)) {
-        // Of this system's width alone; another one's executable is none here.
-        const Elf64_Shdr *const header = elf64_getshdr(candidate);
-        const char *const name = header ? elf_strptr(elf, names, header->sh_name) : nullptr;
+        // A copy: a file may have it lie where no structure can be looked at in place.
+        GElf_Shdr header{};
+        const char *const name = gelf_getshdr(candidate, &header) ? elf_strptr(elf, names, header.sh_name) : nullptr;
         if (!name || std::strcmp(name, section) != 0)
             continue;
-        if (header->sh_type != SHT_PROGBITS || (header->sh_flags & SHF_COMPRESSED) != 0 || header->sh_size > largestList)
+        if (header.sh_type != SHT_PROGBITS || (header.sh_flags & SHF_COMPRESSED) != 0 || header.sh_size > largestList)
             return {};
         const Elf_Data *const data = elf_rawdata(candidate, nullptr);
         if (!data || !data->d_buf)
@@ -66,7 +66,7 @@ std::optional<QString> InfoDictionary::text(QByteArrayView executable, const cha
     const Node list = parsed(sectionBytes(elf.get()));
     if (!list || plist_get_node_type(list.get()) != PLIST_DICT)
         return std::nullopt;
-    plist_t const value = plist_dict_get_item(list.get(), key);
+    void *const value = plist_dict_get_item(list.get(), key);
     if (!value || plist_get_node_type(value) != PLIST_STRING)
         return std::nullopt;
     uint64_t length = 0;
@@ -76,7 +76,7 @@ std::optional<QString> InfoDictionary::text(QByteArrayView executable, const cha
 
 std::optional<QString> InfoDictionary::textInFile(const QString &path, const char *key)
 {
-    constexpr qsizetype largestHelper = 64 * 1024 * 1024;
+    constexpr qsizetype largestHelper = 64LL * 1024 * 1024;
     const int file = ::open(QFile::encodeName(path).constData(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
     if (file < 0)
         return std::nullopt;

@@ -66,13 +66,14 @@ protected:
     /// In the folder of sources; `environment` goes before the command.
     std::string bless(const QString &arguments, const QString &environment = {}) const
     {
-        return shell(u"cd %1/source && umask 0 && %2 "_s.arg(root, environment) +
-                     QStringLiteral(BLESS_UNDER_TEST) + u' ' + root + u' ' + arguments);
+        return shell(u"cd %1/source && umask 0 && %2 "_s.arg(root, environment) + QStringLiteral(BLESS_UNDER_TEST) +
+                     u' ' + root + u' ' + arguments);
     }
     std::string installed() const
     {
-        return shell(u"cd %1 && find libexec policies services units -type f -printf '%m %p ' -exec sha256sum {} ';' | sort"_s
-                         .arg(root));
+        return shell(
+            u"cd %1 && find libexec policies services units -type f -printf '%m %p ' -exec sha256sum {} ';' | sort"_s
+                .arg(root));
     }
     /// Every file as it is to be: what `cmake --install` would put there, and this helper.
     void expectInstalled(const QByteArray &helper) const
@@ -197,10 +198,10 @@ TEST_F(BlessTest, theCallersHelperIsInstalledWhateverTheEnvironmentAndRemovedAga
     shell(u"cd %1/source && chown 65534 . good && mkdir -p ../libexec && ln -s /etc/passwd ../libexec/client.up.bless"_s
               .arg(root));
     // No standard streams, no folder, no rights for new files, and variables that libraries listen to.
-    const std::string answer =
-        bless(root + u"/source/good <&- >&- 2>&-"_s,
-              u"mkdir gone; cd gone; rmdir ../gone; umask 777; env -i PKEXEC_UID=65534 PATH=/nonexistent TMPDIR=/nonexistent "_s +
-                  u"DBUS_SYSTEM_BUS_ADDRESS=unix:path=/nonexistent QT_PLUGIN_PATH=/nonexistent LC_ALL=nonsense"_s);
+    const std::string answer = bless(
+        root + u"/source/good <&- >&- 2>&-"_s,
+        u"mkdir gone; cd gone; rmdir ../gone; umask 777; env -i PKEXEC_UID=65534 PATH=/nonexistent TMPDIR=/nonexistent "_s +
+            u"DBUS_SYSTEM_BUS_ADDRESS=unix:path=/nonexistent QT_PLUGIN_PATH=/nonexistent LC_ALL=nonsense"_s);
     EXPECT_EQ(answer.substr(answer.rfind('=')), "=1\n"); // systemd is said to run here, and does not answer
     expectInstalled(spoiltHelper());
     QDir().rmdir(root + u"/systemd"_s);
@@ -216,7 +217,8 @@ TEST_F(BlessTest, theCallersHelperIsInstalledWhateverTheEnvironmentAndRemovedAga
 TEST_F(BlessTest, aKillAtAnyStepLeavesEveryFileWholeAndTheNextRunCompletes)
 {
     QDir().rmdir(root + u"/systemd"_s);
-    const QByteArray older = spoiltHelper("<string>" CORVALE_VERSION, "<string>" + QByteArray(strlen(CORVALE_VERSION), '0'));
+    const QByteArray older =
+        spoiltHelper("<string>" CORVALE_VERSION, "<string>" + QByteArray(strlen(CORVALE_VERSION), '0'));
     put(u"older"_s, older);
     ASSERT_EQ(bless(root + u"/source/older"_s), "=0\n");
     const QString helper = root + u"/libexec/"_s + name;

@@ -67,9 +67,8 @@ protected:
         QObject later;
         // Two rounds of the event loop after whatever the installation has asked for.
         const auto goOn = [&later] {
-            QTimer::singleShot(0, &later, [&later] {
-                QTimer::singleShot(0, &later, [] { QCoreApplication::exit(goneOn); });
-            });
+            QTimer::singleShot(0, &later,
+                               [&later] { QTimer::singleShot(0, &later, [] { QCoreApplication::exit(goneOn); }); });
         };
         ApplicationDelegate delegate({pkexec, u"/the/tool"_s});
         std::jthread thread([&] {
@@ -192,7 +191,8 @@ TEST_F(HelperInstallationTest, theBlessingIsAChildOfThisProcessAndItsFailureSays
     };
     const QString seen = PrivateBus::folder() + u"/seen"_s;
     const Row rows[] = {
-        {u"echo $PPID \"$@\" >"_s + seen + u"; env >>"_s + seen, name.toStdString() + " installed successfully\n", false},
+        {u"echo $PPID \"$@\" >"_s + seen + u"; env >>"_s + seen, name.toStdString() + " installed successfully\n",
+         false},
         {u"exit 126"_s, "Bless Error: pkexec: the person who was asked for a password cancelled.\n", true},
         {u"echo No. >&2; exit 127"_s, "run the tool that installs the helper. It said: No.\n", true},
         {u"echo The helper; echo 'has no\nversion.' >&2; exit 1"_s, "status 1. It said: has no version.\n", true},
