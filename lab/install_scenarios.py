@@ -1,4 +1,5 @@
 """How the helper gets into the system, shown with polkit's own authority and an agent that answers its prompts."""
+import fcntl
 import os
 import pathlib
 import re
@@ -7,7 +8,7 @@ import subprocess
 import time
 
 import machine
-from helper_scenarios import HELPER, call, helper_pid, start_helper
+from helper_scenarios import HELPER, call, helper_pid, processes, start_helper
 from session import HERE, LOGS, wait_for
 from stage import Stage
 
@@ -195,6 +196,21 @@ def install():
     check_use(stage)
 
 
+    print("  the client is asked to quit while the helper is being installed:")
+    bundle_becomes("3.0.0")
+    with open("/run/corvale-bless.lock", "w", encoding="ascii") as lock:
+        fcntl.flock(lock, fcntl.LOCK_EX)  # the tool waits
+        stage.launch()
+        wait_for("the tool", lambda: processes()["bless"])
+        began = time.monotonic()
+        status = stage.client.end()
+        print(f"    status {status} after {time.monotonic() - began:.3f} s; installed meanwhile: {installed_version()!r}")
+        expect(status == 0 and installed_version() == OWN + " ", "the client did not end well")
+    wait_for("the tool's end", lambda: not processes()["bless"])
+    print(f"    the tool went on without it: {installed_version()!r}")
+    expect(installed_version() == "3.0.0", "the tool did not go on")
+
+
 def install_refused():
     stage = Install()
     stage.settled("Helper: Installed Version => ")
@@ -240,8 +256,14 @@ def install_refused():
     os.kill(helper_pid(), signal.SIGCONT)
     ends_with(stage, found, -60007, running=True)
 
-    print("  the bless tool is missing:")
     stage.agent = PASSWORD
+    print("  the bundle's helper is no program:")
+    BUNDLED.write_bytes(b"#!/bin/sh\n")
+    stage.launch()
+    check_end(stage, ["Bless Error: The tool that installs the helper ended with status 1."], prompts=1)
+    bundle_becomes(OWN)
+
+    print("  the bless tool is missing:")
     os.rename(BLESS, BLESS + ".away")
     stage.launch()
     check_end(stage, found[:2] + ["Bless Error: pkexec"], prompts=1)
