@@ -59,11 +59,7 @@ TEST(InfoDictionary, theVersionIsReadAsItStandsAndAnythingElseIsNone)
         {"no section", spoiltHelper(".info_plist", ".info_pliSt"), none},
         {"a list in the binary form", spoiltHelper("<?xml ve", "bplist00"), none},
         {"a huge section", withSection([](Elf64_Shdr &section) { section.sh_size = 1ULL << 40; }), none},
-        {"a section as large as the file", withSection([](Elf64_Shdr &section) {
-             section.sh_offset = 0;
-             section.sh_size = 1 << 20;
-         }),
-         none},
+        {"a large section", withSection([](Elf64_Shdr &section) { section.sh_size = 70'000; }), none},
         {"a section behind the file", withSection([](Elf64_Shdr &section) { section.sh_offset = 1ULL << 63; }), none},
         {"a section without bytes", withSection([](Elf64_Shdr &section) { section.sh_type = SHT_NOBITS; }), none},
         {"a compressed section", withSection([](Elf64_Shdr &section) { section.sh_flags |= SHF_COMPRESSED; }), none},
