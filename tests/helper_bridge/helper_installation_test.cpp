@@ -136,12 +136,11 @@ TEST_F(HelperInstallationTest, aBundleWithoutAReadableVersionIsAnsweredAtOnceAnd
 {
     const CapturedLog log;
     ApplicationDelegate delegate;
-    // Shared, for the end of the bus ends the silence, too.
-    const auto answers = std::make_shared<std::atomic_int>(0);
-    const auto callback = [answers](bool isCurrent) { *answers += isCurrent ? 100 : 1; };
+    std::atomic_int answers = 0;
+    const auto callback = [&answers](bool isCurrent) { answers += isCurrent ? 100 : 1; };
     write(bundleHelper(), spoiltHelper("CFBundleVersion", "CFBundleEdition"));
     delegate.shouldInstallHelperWithCallback(callback);
-    EXPECT_EQ(*answers, 1);
+    EXPECT_EQ(answers, 1);
     EXPECT_EQ(log.text(), "");
 
     write(bundleHelper(), spoiltHelper());
@@ -151,8 +150,11 @@ TEST_F(HelperInstallationTest, aBundleWithoutAReadableVersionIsAnsweredAtOnceAnd
     delegate.helperConnection()->remoteObjectProxyWithErrorHandler(nullptr)->runOpenVPNWithConfig(
         u"reply"_s, u"0"_s, {}, [&](qint32) { answered = true; });
     ASSERT_TRUE(waitFor([&] { return answered.load(); })); // by the same helper, later
-    EXPECT_EQ(*answers, 1);
+    EXPECT_EQ(answers, 1);
     EXPECT_EQ(log.text(), "Helper: Bundle Version => " + own + '\n');
+    bus.kill(); // ends the silence
+    ASSERT_TRUE(log.reach("XPC Connection Invalidated\n", 1));
+    EXPECT_EQ(answers, 2);
 }
 
 TEST_F(HelperInstallationTest, aRefusedRightIsLoggedWithItsNumberAndEndsTheApplication)
