@@ -159,7 +159,9 @@ int blessMain(int argc, char *argv[], const BlessPaths &paths)
 {
     const auto caller = callerInEnvironment();
     const QByteArray argument = argc == 2 ? argv[1] : "";
-    if (!startAfresh() || !caller || (!argument.startsWith('/') && argument != "--remove" && argument != "--stop")) {
+    if (!startAfresh())
+        return report({"The tool cannot rid itself of what it was started with."});
+    if (!caller || (!argument.startsWith('/') && argument != "--remove" && argument != "--stop")) {
         (void)std::fputs("usage: bless /PATH/OF/THE/HELPER | --remove | --stop\n", stderr);
         return wrongUse;
     }

@@ -233,16 +233,18 @@ def install_refused():
     stage.agent = None
     ends_with(stage, found, -60007)
 
-    print("  the client is asked to quit while the prompt is open:")
     stage.agent = "hold"
-    stage.launch()
-    wait_for("the prompt", stage.asked)
-    began = time.monotonic()
-    stage.client.process.send_signal(signal.SIGTERM)
-    status = stage.client.process.wait(20)
-    print(f"    status {status} after {time.monotonic() - began:.3f} s")
-    expect(status == 0, "the client did not end well")
-    wait_for("the prompt's end", lambda: any(line == "prompt withdrawn" for _, line in stage.prompts.lines))
+    for where, helper in (("the connection's thread", BUNDLED_BYTES), ("the main thread", b"no program")):
+        print(f"  the client is asked to quit while the prompt is open, on {where}:")
+        BUNDLED.write_bytes(helper)
+        stage.launch()
+        wait_for("the prompt", stage.asked)
+        began = time.monotonic()
+        status = stage.client.end()
+        print(f"    status {status} after {time.monotonic() - began:.3f} s")
+        expect(status == 0, "the client did not end well")
+        wait_for("the prompt's end", lambda: any(line == "prompt withdrawn" for _, line in stage.prompts.lines))
+    bundle_becomes(OWN)
 
     print("  the helper does not answer:")
     stage.agent = None
