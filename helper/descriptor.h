@@ -9,13 +9,13 @@ public:
     explicit Descriptor(int descriptor = -1) : descriptor_(descriptor) {}
     ~Descriptor() { close(); }
     Descriptor(Descriptor &&other) noexcept : descriptor_(std::exchange(other.descriptor_, -1)) {}
-    Descriptor(const Descriptor &) = delete;
-    Descriptor &operator=(const Descriptor &) = delete;
     Descriptor &operator=(Descriptor &&other) noexcept
     {
-        std::swap(descriptor_, other.descriptor_);
+        std::swap(descriptor_, other.descriptor_); // the other closes it
         return *this;
     }
+    Descriptor(const Descriptor &) = delete;
+    Descriptor &operator=(const Descriptor &) = delete;
 
     [[nodiscard]] int get() const { return descriptor_; }
     explicit operator bool() const { return descriptor_ >= 0; }

@@ -1,14 +1,18 @@
 #pragma once
 
+#include "blessing.h"
+
+#include <functional>
 #include <memory>
 #include <mutex>
 
 class HelperConnection;
 
-/// The part of the application's delegate that rooms below the windows may reach: the one connection to the helper.
+/// The part of the application's delegate that rooms below the windows may reach: the one connection to the helper, and
+/// the helper's installation. It outlives the connection's private thread.
 class ApplicationDelegate {
 public:
-    ApplicationDelegate();
+    explicit ApplicationDelegate(Blessing::Programs programs = {});
     virtual ~ApplicationDelegate();
     ApplicationDelegate(const ApplicationDelegate &) = delete;
     ApplicationDelegate &operator=(const ApplicationDelegate &) = delete;
@@ -23,10 +27,22 @@ public:
     /// Forgets the connection, so that the next use makes a new one. Any thread. Replies under way still arrive.
     void clearHelperConnection();
 
+    /// Compares the version of the installed helper with that of the bundle's, and calls back at most once: with true
+    /// when they are the same text, with false when they differ or the installed one cannot be asked, then on the
+    /// connection's private thread. A bundle's helper whose version cannot be read is false at once, on the calling
+    /// thread. A helper that does not answer has nothing called. Any thread; reads the file, and does not wait.
+    void shouldInstallHelperWithCallback(const std::function<void(bool)> &callback);
+
+    /// Installs the bundle's helper, in the place of whichever there is; whoever holds a connection to it should forget
+    /// that one. A person may be asked for a password: blocks until that and the installation are over. Any thread.
+    /// Whatever fails is logged, and then the application quits.
+    void installHelper();
+
 private:
     static void invalidated(const std::weak_ptr<HelperConnection> &connection);
     void forget(const std::weak_ptr<HelperConnection> &connection);
 
+    const Blessing::Programs programs_;
     std::mutex guard_; ///< of `xpcHelperConnection_`
     std::shared_ptr<HelperConnection> xpcHelperConnection_;
 };

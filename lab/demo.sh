@@ -2,8 +2,7 @@
 # The demonstration: a private machine with an account service, an OpenVPN server and a screen of its own, in which the
 # installed client is driven like a person would. Everything in it ends with this command.
 #
-# usage: lab/demo.sh [connect|wrong-password|server-late|server-restart|server-reset|rejected|reuse|plain|
-#                     takeover|cycles|kills|refusals|confined|profiles|race|package]
+# usage: lab/demo.sh [SCENARIO]           one of those in scenario.py; connect, where none is named
 #        lab/demo.sh shell [COMMAND…]    a command (or a shell) inside the machine, its services running
 #        lab/demo.sh check               says whether this system lets the lab be made, and starts nothing
 # MANUAL=1 opens the client on the display that is there and leaves it to the person.

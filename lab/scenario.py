@@ -1,8 +1,8 @@
 """What is shown inside the private machine, one function each. A scenario either returns or raises Failure.
 
 usage: scenario.py connect|wrong-password|server-late|server-restart|server-reset|rejected|reuse|plain
-       scenario.py takeover|cycles|kills|refusals|confined|profiles|race        what the helper promises
-       scenario.py package                                                     the Debian package
+       scenario.py takeover|cycles|kills|refusals|confined|profiles|race       what the helper promises
+       scenario.py install|install-refused|package                             how the product gets into the system
 """
 import os
 import sys
@@ -12,6 +12,7 @@ import machine
 import plain
 import timeline
 from configuration_scenarios import profiles, race
+from install_scenarios import INSTALL_SCENARIOS
 from life_scenarios import cycles, kills, takeover
 from package_scenarios import PACKAGE_SCENARIOS
 from refusal_scenarios import confined, refusals
@@ -154,7 +155,7 @@ SCENARIOS = {
     "confined": confined,
     "profiles": profiles,
     "race": race,
-} | PACKAGE_SCENARIOS
+} | INSTALL_SCENARIOS | PACKAGE_SCENARIOS
 
 
 def main():

@@ -26,6 +26,12 @@ void AppDelegate::applicationDidFinishLaunching()
     }
     applicationShouldHandleReopen(false);
     showStatusItem();
+    shouldInstallHelperWithCallback([this](bool isCurrent) {
+        if (isCurrent)
+            return;
+        installHelper();
+        clearHelperConnection(); // the next use is to reach the helper that is installed now
+    });
 }
 
 void AppDelegate::loadInterface()

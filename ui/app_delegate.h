@@ -33,8 +33,9 @@ public:
     QPointer<MainViewController> mainViewController; ///< owned by the window, or by the interface where there is none
     std::unique_ptr<QSystemTrayIcon> statusItem;
 
-    /// Loads the interface file, shows the window with the form in it, and puts the status item into the status bar.
-    /// What the file lacks is left empty, and the launch goes on. Call once.
+    /// Loads the interface file, shows the window with the form in it, puts the status item into the status bar, and
+    /// has the helper installed if the system's is not the bundle's. What the file lacks is left empty, and the launch
+    /// goes on. Call once.
     void applicationDidFinishLaunching();
 
     /// The application is quitting. The tunnel is left as it is: the next start of the client takes it over.

@@ -25,7 +25,12 @@ int run(QApplication &application, SingleInstance &instance)
                      [&delegate] { delegate.applicationShouldHandleReopen(false); });
     QObject::connect(&application, &QApplication::aboutToQuit, &delegate, &AppDelegate::applicationWillTerminate);
     delegate.applicationDidFinishLaunching();
-    return QApplication::exec();
+    const int status = QApplication::exec();
+    // A thread that is still at work, in the kernel or waiting for the bus, may touch any object of the process, the
+    // delegate too: then no destructor may run any more.
+    if (!BackgroundQueue::finish(80ms))
+        std::_Exit(status);
+    return status;
 }
 
 } // namespace
@@ -43,10 +48,5 @@ int applicationMain(int &argc, char **argv)
     SingleInstance instance;
     if (!instance.claim())
         return EXIT_SUCCESS;
-    const int status = run(application, instance);
-    // A thread that is still at work, in the kernel or waiting for the bus, may touch any object of the process: then
-    // no destructor may run any more.
-    if (!BackgroundQueue::finish(80ms))
-        std::_Exit(status);
-    return status;
+    return run(application, instance);
 }

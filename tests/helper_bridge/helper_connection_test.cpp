@@ -2,14 +2,13 @@
 
 #include "application_delegate.h"
 #include "background_queue.h"
+#include "captured_log.h"
 #include "message_connection.h"
 #include "private_bus.h"
 #include "wait_for.h"
 
-#include <QTemporaryFile>
 #include <QThread>
 
-#include <fcntl.h>
 #include <future>
 #include <gmock/gmock.h>
 #include <unistd.h>
@@ -22,6 +21,8 @@ using testing::SizeIs;
 using testing::StartsWith;
 
 namespace {
+
+constexpr char invalidated[] = "XPC Connection Invalidated\n";
 
 /// What handlers were called with, in order, from whichever thread.
 class Events {
@@ -48,32 +49,6 @@ private:
     std::vector<std::string> all_;
 };
 
-/// Standard error, where the system log writes too, for as long as this lives.
-class CapturedLog {
-public:
-    CapturedLog() : before_(::dup(STDERR_FILENO))
-    {
-        file_.open();
-        ::dup2(file_.handle(), STDERR_FILENO);
-    }
-    ~CapturedLog()
-    {
-        ::dup2(before_, STDERR_FILENO);
-        ::close(before_);
-    }
-    bool reach(qsizetype count) const
-    {
-        return waitFor([&] {
-            QFile file(file_.fileName());
-            return file.open(QIODevice::ReadOnly) && file.readAll().count("XPC Connection Invalidated\n") >= count;
-        });
-    }
-
-private:
-    QTemporaryFile file_;
-    const int before_;
-};
-
 class HelperConnectionTest : public testing::Test {
 protected:
     static constexpr auto name = "com.corvale.macos.helper"_L1;
@@ -86,32 +61,33 @@ protected:
 
     std::shared_ptr<HelperProtocol> proxy(const std::shared_ptr<HelperConnection> &connection)
     {
-        return connection->remoteObjectProxyWithErrorHandler([this](const MessageError &error) {
-            events.add("error " + (error.name + ": "_L1 + error.text).toStdString());
+        return connection->remoteObjectProxyWithErrorHandler([events = events](const MessageError &error) {
+            events->add("error " + (error.name + ": "_L1 + error.text).toStdString());
         });
     }
     void askVersion(const std::shared_ptr<HelperConnection> &connection)
     {
-        proxy(connection)->getVersionWithResponseHandler([this](const QString &version) {
-            events.add("version '" + version.toStdString() + "'");
+        proxy(connection)->getVersionWithResponseHandler([events = events](const QString &version) {
+            events->add("version '" + version.toStdString() + "'");
         });
     }
     void script(const std::shared_ptr<HelperConnection> &connection, const QString &action, const QString &first = {},
                 const QString &second = {})
     {
-        proxy(connection)->runOpenVPNWithConfig(action, first, second, [this](qint32 status) {
-            events.add("status " + std::to_string(status));
+        proxy(connection)->runOpenVPNWithConfig(action, first, second, [events = events](qint32 status) {
+            events->add("status " + std::to_string(status));
         });
     }
     std::shared_ptr<HelperConnection> watched()
     {
         auto connection = std::make_shared<HelperConnection>();
-        connection->setInvalidationHandler([this] { events.add("invalidated"); });
+        connection->setInvalidationHandler([events = events] { events->add("invalidated"); });
         connection->resume();
         return connection;
     }
 
-    Events events;
+    // Shared: the end of the test's bus is an event too, for connections that are still there.
+    const std::shared_ptr<Events> events = std::make_shared<Events>();
     PrivateBus bus;
 };
 
@@ -126,15 +102,15 @@ TEST_F(HelperConnectionTest, theDelegateKeepsOneConnectionUntilItIsInvalidatedAn
     EXPECT_EQ(delegate.helperConnection(), first);
 
     askVersion(first);
-    ASSERT_TRUE(log.reach(1));
-    EXPECT_THAT(events.all(), ElementsAre(StartsWith("error org.freedesktop.DBus.Error.ServiceUnknown: ")));
+    ASSERT_TRUE(log.reach(invalidated, 1));
+    EXPECT_THAT(events->all(), ElementsAre(StartsWith("error org.freedesktop.DBus.Error.ServiceUnknown: ")));
 
     bus.activate(name, {QStringLiteral(SCRIPTED_HELPER), u"2.0"_s});
     const auto second = delegate.helperConnection();
     EXPECT_NE(second, first);
     askVersion(second);
-    ASSERT_TRUE(events.reach(2));
-    EXPECT_EQ(events.all()[1], "version '2.0'");
+    ASSERT_TRUE(events->reach(2));
+    EXPECT_EQ(events->all()[1], "version '2.0'");
 }
 
 TEST_F(HelperConnectionTest, anInvalidationIsLoggedInEveryCaseButClearsOnlyItsOwnConnection)
@@ -147,12 +123,12 @@ TEST_F(HelperConnectionTest, anInvalidationIsLoggedInEveryCaseButClearsOnlyItsOw
     const auto current = delegate.helperConnection();
     ASSERT_NE(current, replaced);
     script(replaced, u"error"_s, name + ".Error.NotAuthorized"_L1, u"No."_s);
-    ASSERT_TRUE(log.reach(1));
+    ASSERT_TRUE(log.reach(invalidated, 1));
     EXPECT_EQ(delegate.helperConnection(), current);
 
     delegate.clearHelperConnection();
     script(current, u"error"_s, name + ".Error.NotAuthorized"_L1, u"No."_s);
-    EXPECT_TRUE(log.reach(2)); // the field is empty by now
+    EXPECT_TRUE(log.reach(invalidated, 2)); // the field is empty by now
 }
 
 TEST_F(HelperConnectionTest, aServiceThatNobodyCanActivateFailsTheMessageAndThenInvalidates)
@@ -194,14 +170,14 @@ TEST_F(HelperConnectionTest, errorsArriveUnchangedAndOnlyRefusalsInvalidate)
     for (const Row &row : rows) {
         const auto connection = watched();
         script(connection, u"error"_s, row.error, row.text);
-        ASSERT_TRUE(events.reach(seen + (row.invalidates ? 2 : 1)));
+        ASSERT_TRUE(events->reach(seen + (row.invalidates ? 2 : 1)));
         askVersion(connection);
-        ASSERT_TRUE(events.reach(seen + (row.invalidates ? 3 : 2)));
+        ASSERT_TRUE(events->reach(seen + (row.invalidates ? 3 : 2)));
         const std::string error = "error " + (row.error + u": "_s + row.text).toStdString();
-        EXPECT_EQ(events.all()[seen], error);
-        EXPECT_EQ(events.all()[seen + 1], row.invalidates ? "invalidated" : "version '1.0'");
-        EXPECT_EQ(events.all().back(), row.invalidates ? error : "version '1.0'");
-        seen = events.all().size();
+        EXPECT_EQ(events->all()[seen], error);
+        EXPECT_EQ(events->all()[seen + 1], row.invalidates ? "invalidated" : "version '1.0'");
+        EXPECT_EQ(events->all().back(), row.invalidates ? error : "version '1.0'");
+        seen = events->all().size();
     }
 }
 
@@ -211,11 +187,11 @@ TEST_F(HelperConnectionTest, aHelperThatDiesFailsItsMessagesAndIsStartedAgainByT
     const auto connection = watched();
     script(connection, u"hold"_s);
     script(connection, u"die"_s);
-    ASSERT_TRUE(events.reach(2));
+    ASSERT_TRUE(events->reach(2));
     askVersion(connection);
-    ASSERT_TRUE(events.reach(3));
-    EXPECT_THAT(events.all(), ElementsAre(StartsWith("error org.freedesktop.DBus.Error.NoReply: "),
-                                          StartsWith("error org.freedesktop.DBus.Error.NoReply: "), "version '1.0'"));
+    ASSERT_TRUE(events->reach(3));
+    EXPECT_THAT(events->all(), ElementsAre(StartsWith("error org.freedesktop.DBus.Error.NoReply: "),
+                                           StartsWith("error org.freedesktop.DBus.Error.NoReply: "), "version '1.0'"));
 }
 
 TEST_F(HelperConnectionTest, aBusWhosePolicyForbidsTheMessageInvalidates)
@@ -223,8 +199,8 @@ TEST_F(HelperConnectionTest, aBusWhosePolicyForbidsTheMessageInvalidates)
     bus.configure("<policy context='mandatory'><deny send_destination='com.corvale.macos.helper'/></policy>");
     start();
     askVersion(watched());
-    ASSERT_TRUE(events.reach(2));
-    EXPECT_THAT(events.all(),
+    ASSERT_TRUE(events->reach(2));
+    EXPECT_THAT(events->all(),
                 ElementsAre(StartsWith("error org.freedesktop.DBus.Error.AccessDenied: "), "invalidated"));
 }
 
@@ -235,20 +211,20 @@ TEST_F(HelperConnectionTest, theEndOfTheBusFailsEveryPendingMessageAndInvalidate
     script(connection, u"hold"_s);
     script(connection, u"hold"_s);
     askVersion(connection);
-    ASSERT_TRUE(events.reach(1));
+    ASSERT_TRUE(events->reach(1));
     bus.kill();
-    ASSERT_TRUE(events.reach(4));
+    ASSERT_TRUE(events->reach(4));
     askVersion(connection);
-    ASSERT_TRUE(events.reach(5));
-    EXPECT_THAT(events.all(), ElementsAre("version '1.0'", StartsWith("error "), StartsWith("error "), "invalidated",
-                                          StartsWith("error org.freedesktop.DBus.Error.Disconnected: ")));
+    ASSERT_TRUE(events->reach(5));
+    EXPECT_THAT(events->all(), ElementsAre("version '1.0'", StartsWith("error "), StartsWith("error "), "invalidated",
+                                           StartsWith("error org.freedesktop.DBus.Error.Disconnected: ")));
 }
 
 TEST_F(HelperConnectionTest, aBusThatCannotBeReachedFailsTheMessageAndThenInvalidates)
 {
     askVersion(watched());
-    ASSERT_TRUE(events.reach(2));
-    EXPECT_THAT(events.all(), ElementsAre(StartsWith("error org.freedesktop.DBus.Error."), "invalidated"));
+    ASSERT_TRUE(events->reach(2));
+    EXPECT_THAT(events->all(), ElementsAre(StartsWith("error org.freedesktop.DBus.Error."), "invalidated"));
 }
 
 TEST_F(HelperConnectionTest, messagesAreSentAndAnsweredWhileTheMainThreadIsBlocked)
@@ -269,8 +245,8 @@ TEST_F(HelperConnectionTest, aReplyThatCannotBeReadIsAnErrorAndAnEmptyVersionIsA
     script(connection, u"reply text"_s, u"0"_s);
     script(connection, u"reply"_s, u"-7"_s);
     askVersion(connection);
-    ASSERT_TRUE(events.reach(3));
-    EXPECT_THAT(events.all(), ElementsAre(HasSubstr("InvalidSignature"), "status -7", "version ''"));
+    ASSERT_TRUE(events->reach(3));
+    EXPECT_THAT(events->all(), ElementsAre(HasSubstr("InvalidSignature"), "status -7", "version ''"));
 }
 
 TEST_F(HelperConnectionTest, aConnectionReleasedOnItsOwnThreadStillDeliversWhatIsUnderWay)
@@ -280,11 +256,11 @@ TEST_F(HelperConnectionTest, aConnectionReleasedOnItsOwnThreadStillDeliversWhatI
     proxy(connection)->getVersionWithResponseHandler([this, connection](const QString &) mutable {
         script(connection, u"reply"_s, u"5"_s);
         connection.reset(); // the last handle: the main thread has let go of its own by the time anything answers
-        events.add("released");
+        events->add("released");
     });
     connection.reset();
-    ASSERT_TRUE(events.reach(2));
-    EXPECT_THAT(events.all(), ElementsAre("released", "status 5"));
+    ASSERT_TRUE(events->reach(2));
+    EXPECT_THAT(events->all(), ElementsAre("released", "status 5"));
 }
 
 TEST_F(HelperConnectionTest, theEndOfTheProcessEndsAConnectionWhoseReplyNeverComes)
@@ -295,10 +271,10 @@ TEST_F(HelperConnectionTest, theEndOfTheProcessEndsAConnectionWhoseReplyNeverCom
         const auto connection = watched();
         script(connection, u"hold"_s);
         askVersion(connection);
-        const bool sent = events.reach(1);
+        const bool sent = events->reach(1);
         const bool ended = BackgroundQueue::finish(20s);
         bus.kill();
-        std::exit(sent && ended && events.all().size() == 1 ? 0 : 1);
+        std::exit(sent && ended && events->all().size() == 1 ? 0 : 1);
     };
     EXPECT_EXIT(endWithAPendingReply(), testing::ExitedWithCode(0), "");
 }

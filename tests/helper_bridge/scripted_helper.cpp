@@ -24,7 +24,10 @@ public:
     bool handleMessage(const QDBusMessage &message, const QDBusConnection &bus) override
     {
         if (message.member() == QLatin1String(HelperNames::getVersion)) {
-            bus.send(message.createReply(version_));
+            if (version_ == "error"_L1)
+                bus.send(message.createErrorReply(u"com.corvale.macos.helper.Error.Internal"_s, u"It is ill."_s));
+            else if (version_ != "silence"_L1)
+                bus.send(message.createReply(version_));
             return true;
         }
         if (message.member() != QLatin1String(HelperNames::runOpenVPN))

@@ -26,10 +26,12 @@ class ShellTest : public UiTest {};
 /// The real program, on the test's screen and session bus.
 class Client {
 public:
-    explicit Client(const QByteArray &bus = qgetenv("DBUS_SESSION_BUS_ADDRESS"))
+    explicit Client(const QByteArray &bus = qgetenv("DBUS_SESSION_BUS_ADDRESS"),
+                    const QByteArray &systemBus = qgetenv("DBUS_SYSTEM_BUS_ADDRESS"))
     {
         auto environment = QProcessEnvironment::systemEnvironment();
         environment.insert(u"DBUS_SESSION_BUS_ADDRESS"_s, QString::fromLatin1(bus));
+        environment.insert(u"DBUS_SYSTEM_BUS_ADDRESS"_s, QString::fromLatin1(systemBus));
         process_.setProcessEnvironment(environment);
         process_.setProcessChannelMode(QProcess::ForwardedChannels);
         process_.start(QStringLiteral(CORVALE_BUNDLE "/Contents/MacOS/Corvale"), {});
@@ -155,6 +157,13 @@ TEST_F(ShellTest, TheClientStartsWhateverTheSessionBusDoesAndEndsWhenAsked)
         ASSERT_TRUE(waitFor([&] { return client.ended(); }));
         EXPECT_TRUE(client.endedCleanly());
     }
+}
+
+TEST_F(ShellTest, AHelperThatCannotBeInstalledEndsTheClient)
+{
+    const Client client(qgetenv("DBUS_SESSION_BUS_ADDRESS"), "unix:path=/nonexistent");
+    ASSERT_TRUE(waitFor([&] { return client.ended(); }));
+    EXPECT_TRUE(client.endedCleanly());
 }
 
 TEST(QuitSignals, AProcessThatIsTooBusyEndsAllTheSame)

@@ -25,6 +25,7 @@ void restoreResources()
         QFile::remove(resource(name));
         QFile::link(shipped.filePath(name), resource(name));
     }
+    QFile::link(QStringLiteral(CORVALE_BUNDLE "/Contents/Library"), Bundle::location() + u"/Contents/Library"_s);
 }
 
 UiTest::UiTest()

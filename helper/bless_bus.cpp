@@ -1,0 +1,126 @@
+#include "bless_bus.h"
+
+#include "descriptor.h"
+#include "helper_protocol.h"
+#include "pidfd.h"
+
+#include <QDBusMessage>
+#include <QFile>
+#include <QThread>
+
+#include <climits>
+#include <csignal>
+#include <poll.h>
+#include <unistd.h>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+constexpr int patience = 30'000;      // ms; systemd takes its time
+constexpr int tunnelsEnd = 20'000;    // ms; the helper's own limits for OpenVPN and for its script lie below
+constexpr int killedProcess = 5000;   // ms
+constexpr int namesEnd = 5000;        // ms; the bus hears of the process's end a moment later
+constexpr unsigned long nextLook = 5; // ms
+
+const QString ourName = u"bless"_s;
+const QString daemonName = u"org.freedesktop.DBus"_s;
+const QString daemonPath = u"/org/freedesktop/DBus"_s;
+const QString helperName = QString::fromLatin1(HelperNames::service);
+
+/// The file that a process runs, also when another one has taken its place since.
+QByteArray programOf(uint pid)
+{
+    std::array<char, PATH_MAX> target{};
+    const QByteArray link = "/proc/" + QByteArray::number(pid) + "/exe";
+    const ssize_t length = ::readlink(link.constData(), target.data(), target.size());
+    QByteArray program(target.data(), length > 0 ? length : 0);
+    if (program.endsWith(" (deleted)"))
+        program.chop(10);
+    return program;
+}
+
+bool endsWithin(const Descriptor &process, int limit)
+{
+    pollfd watched{process.get(), POLLIN, 0};
+    return ::poll(&watched, 1, limit) > 0;
+}
+
+} // namespace
+
+BlessBus::BlessBus(const QByteArray &address) : bus_(QDBusConnection::connectToBus(QString::fromUtf8(address), ourName))
+{
+}
+
+BlessBus::~BlessBus()
+{
+    QDBusConnection::disconnectFromBus(ourName);
+}
+
+QByteArray BlessBus::command(const QString &service, const QString &path, const QString &interface,
+                             const QString &member)
+{
+    const auto message = QDBusMessage::createMethodCall(service, path, interface, member);
+    const QDBusMessage answer = bus_.call(message, QDBus::Block, patience);
+    if (answer.type() == QDBusMessage::ReplyMessage)
+        return {};
+    return member.toUtf8() + " of " + service.toUtf8() + ": " + answer.errorMessage().toUtf8();
+}
+
+QByteArray BlessBus::reload(bool systemdRuns)
+{
+    if (!bus_.isConnected())
+        return {};
+    QByteArray error = command(daemonName, daemonPath, daemonName, u"ReloadConfig"_s);
+    if (!error.isEmpty() || !systemdRuns)
+        return error;
+    return command(u"org.freedesktop.systemd1"_s, u"/org/freedesktop/systemd1"_s, u"org.freedesktop.systemd1.Manager"_s,
+                   u"Reload"_s);
+}
+
+/// The bus daemon's answer, or an invalid value.
+QVariant BlessBus::ask(const QString &member, const QString &argument)
+{
+    auto message = QDBusMessage::createMethodCall(daemonName, daemonPath, daemonName, member);
+    message << argument;
+    const QDBusMessage answer = bus_.call(message, QDBus::Block, patience);
+    return answer.type() == QDBusMessage::ReplyMessage ? answer.arguments().value(0) : QVariant();
+}
+
+QByteArray BlessBus::stopHelper(const QByteArray &program)
+{
+    if (!bus_.isConnected())
+        return {};
+    const QString owner = ask(u"GetNameOwner"_s, helperName).toString();
+    if (owner.isEmpty())
+        return {};
+    const QVariant pid = ask(u"GetConnectionUnixProcessID"_s, owner);
+    const QVariant user = ask(u"GetConnectionUnixUser"_s, owner);
+    if (!pid.isValid() || !user.isValid())
+        return {}; // it has just left
+    if (user.toUInt() != 0 || programOf(pid.toUInt()) != program)
+        return "The helper's name on the bus belongs to another program.";
+    return stop(pid.toUInt(), owner) ? QByteArray() : "The running helper does not end.";
+}
+
+bool BlessBus::stop(uint pid, const QString &owner)
+{
+    const Descriptor process(::pidfd_open(static_cast<pid_t>(pid), 0));
+    // The handle is that process's if the number was still its own afterwards.
+    if (process && ask(u"GetConnectionUnixProcessID"_s, owner).toUInt() == pid) {
+        ::pidfd_send_signal(process.get(), SIGTERM, nullptr, 0);
+        ::pidfd_send_signal(process.get(), SIGCONT, nullptr, 0); // one that somebody stopped would not hear it
+        if (!endsWithin(process, tunnelsEnd)) {
+            // OpenVPN dies with it, and the next helper cleans up.
+            ::pidfd_send_signal(process.get(), SIGKILL, nullptr, 0);
+            endsWithin(process, killedProcess);
+        }
+    }
+    for (int waited = 0; waited < namesEnd; waited += static_cast<int>(nextLook)) {
+        // A new one may have been asked for at once.
+        if (ask(u"GetNameOwner"_s, helperName).toString() != owner)
+            return true;
+        QThread::msleep(nextLook);
+    }
+    return false;
+}

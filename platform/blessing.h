@@ -1,0 +1,20 @@
+#pragma once
+
+#include <QString>
+
+#include <optional>
+
+/// Putting the bundle's helper into the system, which takes root's rights.
+namespace Blessing {
+
+struct Programs {
+    QString pkexec = QStringLiteral("/usr/bin/pkexec");
+    QString bless = QStringLiteral("/usr/libexec/corvale/bless");
+};
+
+/// Has the bless tool copy the file `helper` into the system and register it, through pkexec. pkexec asks polkit about
+/// the process that started it, so a right that this process has just obtained and kept covers it. Nothing when it is
+/// done, else why not, in one line. Any thread, which it blocks until the tool has ended; there is no time limit.
+std::optional<QString> SMJobBless(const QString &helper, const Programs &programs = {});
+
+} // namespace Blessing
