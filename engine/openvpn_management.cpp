@@ -2,6 +2,7 @@
 
 #include "background_queue.h"
 #include "exact_text.h"
+#include "local_peer.h"
 #include "management_lines.h"
 #include "openvpn_service.h"
 #include "standard_output.h"
@@ -18,7 +19,8 @@ constexpr auto patience = 1s;
 
 } // namespace
 
-OpenVPNManagement::OpenVPNManagement() : socket(address, port) {}
+// Whoever listens on the port gets the subscriber's password.
+OpenVPNManagement::OpenVPNManagement() : socket(address, port, LocalPeer::isTrusted) {}
 
 void OpenVPNManagement::startReading()
 {

@@ -8,7 +8,8 @@
 #include <condition_variable>
 #include <mutex>
 
-/// The client end of OpenVPN's management interface, 127.0.0.1 port 1337. Owned by the tunnel service for the life of
+/// The client end of OpenVPN's management interface, 127.0.0.1 port 1337, where a listener counts only if it is root's
+/// or the person's own. Owned by the tunnel service for the life of
 /// the process: the reader refers to it without end.
 class OpenVPNManagement {
 public:

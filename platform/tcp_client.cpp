@@ -69,7 +69,10 @@ QString TCPClient::Error::text() const
     return QString::fromStdString(std::generic_category().message(number));
 }
 
-TCPClient::TCPClient(const char *address, quint16 port) : address_(address), port_(port) {}
+TCPClient::TCPClient(const char *address, quint16 port, PeerCheck isTrusted)
+    : address_(address), port_(port), isTrusted_(isTrusted)
+{
+}
 
 TCPClient::~TCPClient() = default;
 
@@ -101,6 +104,8 @@ std::optional<TCPClient::Error> TCPClient::connect(milliseconds limit)
         return Error{errno};
     if (const int failed = connectWithin(fresh->descriptor, peer, limit))
         return Error{failed};
+    if (isTrusted_ && !isTrusted_(fresh->descriptor))
+        return Error{EPERM};
 
     const std::scoped_lock lock(guard_);
     fresh->connection = ++connections_;

@@ -22,12 +22,16 @@ public:
         quint64 connection = 0; ///< which successful `connect` the bytes came over: 1, 2, …; 0 for none
     };
 
-    TCPClient(const char *address, quint16 port);
+    /// Whom a new connection's other end must belong to; asked with its descriptor before a byte is sent or read.
+    using PeerCheck = bool (*)(int descriptor);
+
+    TCPClient(const char *address, quint16 port, PeerCheck isTrusted = nullptr);
     ~TCPClient();
     TCPClient(const TCPClient &) = delete;
     TCPClient &operator=(const TCPClient &) = delete;
 
     /// Closes what an earlier call connected, then connects. Any one thread at a time; blocks for `limit` at the most.
+    /// A peer that is not to be trusted is EPERM.
     std::optional<Error> connect(std::chrono::milliseconds limit);
 
     /// Sends all of it or fails. Any thread; blocks while the peer does not take it, three seconds at the most. A
@@ -43,6 +47,7 @@ private:
 
     const QByteArray address_;
     const quint16 port_;
+    const PeerCheck isTrusted_;
     mutable std::mutex guard_; ///< of `socket_` and `connections_`, held only to copy or to replace them
     std::shared_ptr<Socket> socket_;
     quint64 connections_ = 0;
