@@ -22,3 +22,4 @@ fuzz() {
 fuzz config_fuzzer "$here/seeds/config" "$here/../tests/helper/profiles" "-dict=$here/config.dict"
 fuzz management_lines_fuzzer "$here/seeds/management_lines" "-dict=$here/management_lines.dict"
 fuzz info_dictionary_fuzzer "$here/seeds/info_dictionary"
+fuzz account_answer_fuzzer "$here/seeds/account_answer" "-dict=$here/account_answer.dict"
