@@ -1,6 +1,7 @@
 #pragma once
 
 #include "application_delegate.h"
+#include "status_bar.h"
 
 #include <QObject>
 #include <QPointer>
@@ -31,7 +32,7 @@ public:
     QPointer<QAction> connectItem;                   ///< its connect entry; the form keeps its title
     std::unique_ptr<QMainWindow> window;             ///< empty when the interface file names another class
     QPointer<MainViewController> mainViewController; ///< owned by the window, or by the interface where there is none
-    std::unique_ptr<QSystemTrayIcon> statusItem;
+    std::unique_ptr<QSystemTrayIcon> statusItem;     ///< empty while the desktop has no status bar
 
     /// Loads the interface file, shows the window with the form in it, and puts the status item into the status bar.
     /// What the file lacks is left empty, and the launch goes on. Call once.
@@ -50,4 +51,6 @@ private:
     void loadInterface();
     void connectMenu();
     void showStatusItem();
+
+    StatusBar statusBar_;
 };
