@@ -3,7 +3,8 @@
 # installed client is driven like a person would. Everything in it ends with this command.
 #
 # usage: lab/demo.sh [connect|wrong-password|server-late|server-restart|server-reset|rejected|reuse|plain|
-#                     takeover|cycles|refusals|confined|profiles|race]
+#                     takeover|cycles|refusals|confined|profiles|race|
+#                     keyboard|reader|tray|reopen|no-bus|quit]
 #        lab/demo.sh shell [COMMAND…]    a command (or a shell) inside the machine, its services running
 #        lab/demo.sh check               says whether this system lets the lab be made, and starts nothing
 # MANUAL=1 opens the client on the display that is there and leaves it to the person.
@@ -26,7 +27,7 @@ unshare --mount --net --pid --ipc --fork true 2>/dev/null || sorry "this system 
 [ -z "${MANUAL:-}" ] || [ -n "${DISPLAY:-}" ] || sorry "MANUAL=1 needs a display, and DISPLAY is not set."
 [ "${1:-}" != check ] || exit 0
 [ -f "$repo/build/cmake_install.cmake" ] || sorry "nothing is built yet (try: make build)."
-for tool in openvpn Xvfb xprop tint2 dbus-daemon openssl ip ping convert setpriv; do
+for tool in openvpn Xvfb xprop tint2 openbox xdotool strace dbus-daemon openssl ip ping convert setpriv; do
     command -v "$tool" >/dev/null || sorry "the program $tool is missing (try: make packages)."
 done
 

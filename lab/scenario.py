@@ -2,6 +2,7 @@
 
 usage: scenario.py connect|wrong-password|server-late|server-restart|server-reset|rejected|reuse|plain
        scenario.py takeover|cycles|refusals|confined|profiles|race        what the helper promises
+       scenario.py keyboard|reader|tray|reopen|no-bus|quit                  what the window's shell promises
 """
 import os
 import sys
@@ -12,6 +13,7 @@ import plain
 import timeline
 from helper_scenarios import HELPER_SCENARIOS
 from session import LOGS, Failure, Session, wait_for
+from shell_scenarios import SHELL_SCENARIOS
 from stage import ANA, BERTA, Stage
 
 REJECTED = "Email o Contraseña inválidos"
@@ -143,7 +145,7 @@ SCENARIOS = {
     "rejected": rejected,
     "reuse": reuse,
     "plain": plain_only,
-} | HELPER_SCENARIOS
+} | HELPER_SCENARIOS | SHELL_SCENARIOS
 
 
 def main():
