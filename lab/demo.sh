@@ -2,7 +2,7 @@
 # The demonstration: a private machine with an account service, an OpenVPN server and a screen of its own, in which the
 # installed client is driven like a person would. Everything in it ends with this command.
 #
-# usage: lab/demo.sh [connect|wrong-password|server-late|server-restart|server-reset|rejected|reuse|plain|
+# usage: lab/demo.sh [connect|wrong-password|server-late|server-restart|server-reset|rejected|reuse|plain|start|
 #                     takeover|cycles|refusals|confined|profiles|race|
 #                     keyboard|reader|tray|reopen|no-bus|quit]
 #        lab/demo.sh shell [COMMAND…]    a command (or a shell) inside the machine, its services running

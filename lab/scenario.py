@@ -1,6 +1,6 @@
 """What is shown inside the private machine, one function each. A scenario either returns or raises Failure.
 
-usage: scenario.py connect|wrong-password|server-late|server-restart|server-reset|rejected|reuse|plain
+usage: scenario.py connect|wrong-password|server-late|server-restart|server-reset|rejected|reuse|plain|start
        scenario.py takeover|cycles|refusals|confined|profiles|race        what the helper promises
        scenario.py keyboard|reader|tray|reopen|no-bus|quit                  what the window's shell promises
 """
@@ -14,6 +14,7 @@ import timeline
 from helper_scenarios import HELPER_SCENARIOS
 from session import LOGS, Failure, Session, wait_for
 from shell_scenarios import SHELL_SCENARIOS
+from start_scenario import start_figures
 from stage import ANA, BERTA, Stage
 
 REJECTED = "Email o Contraseña inválidos"
@@ -145,6 +146,7 @@ SCENARIOS = {
     "rejected": rejected,
     "reuse": reuse,
     "plain": plain_only,
+    "start": start_figures,
 } | HELPER_SCENARIOS | SHELL_SCENARIOS
 
 
