@@ -25,7 +25,7 @@ unshare --mount --net --pid --ipc --fork true 2>/dev/null || sorry "this system 
 [ -z "${MANUAL:-}" ] || [ -n "${DISPLAY:-}" ] || sorry "MANUAL=1 needs a display, and DISPLAY is not set."
 [ "${1:-}" != check ] || exit 0
 [ -f "$repo/build/cmake_install.cmake" ] || sorry "nothing is built yet (try: make build)."
-for tool in openvpn Xvfb xprop tint2 dbus-daemon openssl ip ping convert setpriv; do
+for tool in openvpn Xvfb xprop tint2 openbox xdotool strace dbus-daemon openssl ip ping convert setpriv; do
     command -v "$tool" >/dev/null || sorry "the program $tool is missing (try: make packages)."
 done
 

@@ -50,7 +50,7 @@ people() {
     install -d -m 700 -o "$id" -g "$id" "/home/$person" "/run/user" "/run/user/$id"
     chmod 755 /run/user
     # The checkout may lie where this person may not look, such as root's home.
-    install -D -m 644 -t /run/lab/person "$lab/person.py" "$lab/tint2rc"
+    install -D -m 644 -t /run/lab/person "$lab/person.py" "$lab/status_notifier.py" "$lab/tint2rc"
     if [ -f /run/lab/xauthority ]; then chown "$id" /run/lab/xauthority; fi
 }
 

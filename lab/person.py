@@ -40,6 +40,12 @@ def showing(thing):
     return thing.get_state_set().contains(Atspi.StateType.SHOWING)
 
 
+def has(thing, state):
+    """Asks the client itself: what the library keeps of a state may be old."""
+    thing.clear_cache()
+    return thing.get_state_set().contains(state)
+
+
 def find(role, names):
     for thing in everything(application()):
         if thing.get_role() in role and thing.get_name() in names and showing(thing):
@@ -81,6 +87,16 @@ def type_text(request):
     return field and {"typed": field.set_text_contents(request["text"])}
 
 
+def text_of(request):
+    field = find(FIELD, (request["name"],))
+    return field and {"text": field.get_text(0, -1)}
+
+
+def frame(_):
+    found = find((Atspi.Role.FRAME,), ("Corvale",))
+    return found and {"path": found.path}
+
+
 def click(request):
     button = find(BUTTON, (request["name"],)) if "name" in request else connect_button()
     return button and {"time": press(button)}
@@ -96,14 +112,42 @@ def alert(_):
 
 def fields_enabled(_):
     field = find(FIELD, ("Email",))
-    return field and {"enabled": field.get_state_set().contains(Atspi.StateType.ENABLED)}
+    return field and {"enabled": has(field, Atspi.StateType.ENABLED)}
+
+
+def labelled(_):
+    for relation in find((Atspi.Role.CHECK_BOX,), ("Recordarme",)).get_relation_set():
+        if relation.get_relation_type() == Atspi.RelationType.LABELLED_BY:
+            return {"by": [relation.get_target(i).get_name() for i in range(relation.get_n_targets())]}
+    return {"by": []}
+
+
+def checked(_):
+    box = find((Atspi.Role.CHECK_BOX,), ("Recordarme",))
+    return box and {"checked": has(box, Atspi.StateType.CHECKED)}
+
+
+def act(request):
+    """What a screen reader does to press something."""
+    thing = find(BUTTON + (Atspi.Role.CHECK_BOX,), (request["name"],))
+    began = time.time()
+    return thing and thing.do_action(0) and {"time": began}
+
+
+def focus(_):
+    for thing in everything(application()):
+        # A dialog's row of buttons has no name, and says that it has the focus of its button.
+        if thing.get_name() and has(thing, Atspi.StateType.FOCUSED):
+            return {"role": thing.get_role_name(), "name": thing.get_name()}
+    return {}
 
 
 def tree(_):
     return {"tree": [f"{t.get_role_name()} {t.get_name()!r}" for t in everything(application()) if showing(t)]}
 
 
-REQUESTS = {"window": window, "type": type_text, "click": click, "alert": alert, "fields": fields_enabled, "tree": tree}
+REQUESTS = {"window": window, "type": type_text, "click": click, "alert": alert, "fields": fields_enabled, "tree": tree,
+            "labelled": labelled, "checked": checked, "act": act, "focus": focus, "text": text_of, "frame": frame}
 
 
 def on_name_change(event):

@@ -54,7 +54,9 @@ class Program:
 
 
 class Session:
-    def __init__(self):
+    """A desktop with a panel, or, for what a desktop may lack or do, one with a window manager alone."""
+
+    def __init__(self, bare=False):
         self.account = pwd.getpwnam("ana")
         runtime = f"/run/user/{self.account.pw_uid}"
         self.environment = {
@@ -75,11 +77,17 @@ class Session:
             self._start_screen()
         self.run("dbus-daemon", "--session", "--nofork", f"--address={self.environment['DBUS_SESSION_BUS_ADDRESS']}")
         wait_for("session bus", lambda: os.path.exists(f"{runtime}/bus"))
-        if self.screen:
+        if bare:
+            self.run("openbox")
+            wait_for("window manager", lambda: self.output("xprop", "-root", "_NET_SUPPORTING_WM_CHECK").count("#"))
+        elif self.screen:
             # The panel waits for these, which a window manager would set.
             for name, value in (("_NET_NUMBER_OF_DESKTOPS", "1"), ("_NET_CURRENT_DESKTOP", "0")):
                 self.run("xprop", "-root", "-f", name, "32c", "-set", name, value).wait()
-            self.run("tint2", "-c", str(PERSONAL / "tint2rc"))
+            self.start_panel()
+
+    def start_panel(self):
+        return self.run("tint2", "-c", str(PERSONAL / "tint2rc"))
 
     def _start_screen(self):
         self.environment |= {"DISPLAY": ":7", "LAB_OWN_SCREEN": "1"}
@@ -94,18 +102,29 @@ class Session:
         """Starts a program as the person, with the person's rights and nothing else."""
         log = open(LOGS / "session", "a", encoding="utf-8")
         options = {"stdout": log, "stderr": log} | options
-        return subprocess.Popen(self._as_person(arguments), env=self.environment, cwd="/", **options)
+        return subprocess.Popen(self.as_person(arguments), env=self.environment, cwd="/", **options)
+
+    def output(self, *arguments):
+        """What a program of the person writes until its end."""
+        return self.run(*arguments, stdout=subprocess.PIPE, text=True).communicate(timeout=20)[0]
 
     def program(self, *arguments, **options):
-        return Program(self._as_person(arguments), env=self.environment, cwd="/", **options)
+        return Program(self.as_person(arguments), **{"env": self.environment, "cwd": "/"} | options)
 
     @staticmethod
-    def _as_person(arguments):
+    def as_person(arguments):
         return ["setpriv", "--reuid=ana", "--regid=ana", "--init-groups", *arguments]
 
-    def client(self):
+    def client(self, **environment):
         """The installed client. Its system-log lines also come out of /dev/log, so standard error is not kept."""
-        return self.program("corvale", stderr=subprocess.DEVNULL)
+        return self.program("corvale", stderr=subprocess.DEVNULL, env=self.environment | environment)
+
+    def keys(self, *names):
+        """Strikes keys, one after the other."""
+        self.run("xdotool", "key", "--delay", "30", *names).wait(20)
+
+    def types(self, text):
+        self.run("xdotool", "type", "--delay", "20", text).wait(60)
 
     def picture(self, name):
         """Keeps the screen as it is now. The copy takes a millisecond; it becomes a PNG when the work is over."""

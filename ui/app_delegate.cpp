@@ -25,7 +25,8 @@ void AppDelegate::applicationDidFinishLaunching()
         window->layout()->setSizeConstraint(QLayout::SetFixedSize);
     }
     applicationShouldHandleReopen(false);
-    showStatusItem();
+    connect(&statusBar_, &StatusBar::appeared, this, &AppDelegate::showStatusItem);
+    statusBar_.await();
     shouldInstallHelperWithCallback([this](bool isCurrent) {
         if (isCurrent)
             return;
@@ -74,7 +75,6 @@ void AppDelegate::showStatusItem()
         if (reason == QSystemTrayIcon::Trigger && statusMemu)
             statusMemu->popup(QCursor::pos());
     });
-    // Without a status bar it waits for one.
     statusItem->show();
 }
 

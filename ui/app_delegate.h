@@ -1,6 +1,7 @@
 #pragma once
 
 #include "application_delegate.h"
+#include "status_bar.h"
 
 #include <QObject>
 #include <QPointer>
@@ -31,7 +32,7 @@ public:
     QPointer<QAction> connectItem;                   ///< its connect entry; the form keeps its title
     std::unique_ptr<QMainWindow> window;             ///< empty when the interface file names another class
     QPointer<MainViewController> mainViewController; ///< owned by the window, or by the interface where there is none
-    std::unique_ptr<QSystemTrayIcon> statusItem;
+    std::unique_ptr<QSystemTrayIcon> statusItem;     ///< empty while the desktop has no status bar
 
     /// Loads the interface file, shows the window with the form in it, puts the status item into the status bar, and
     /// has the helper installed if the system's is not the bundle's. What the file lacks is left empty, and the launch
@@ -51,4 +52,6 @@ private:
     void loadInterface();
     void connectMenu();
     void showStatusItem();
+
+    StatusBar statusBar_;
 };

@@ -21,8 +21,11 @@ int run(QApplication &application, SingleInstance &instance)
     Styling::apply(application);
     const QuitSignals quitSignals;
     AppDelegate delegate;
-    QObject::connect(&instance, &SingleInstance::activated, &delegate,
-                     [&delegate] { delegate.applicationShouldHandleReopen(false); });
+    QObject::connect(&instance, &SingleInstance::activated, &delegate, [&delegate](const QString &token) {
+        if (!token.isEmpty())
+            qputenv("XDG_ACTIVATION_TOKEN", token.toUtf8()); // where Qt looks for it
+        delegate.applicationShouldHandleReopen(false);
+    });
     QObject::connect(&application, &QApplication::aboutToQuit, &delegate, &AppDelegate::applicationWillTerminate);
     delegate.applicationDidFinishLaunching();
     const int status = QApplication::exec();

@@ -7,6 +7,7 @@
 #include "text_field.h"
 #include "title_button.h"
 
+#include <QCoreApplication>
 #include <QFile>
 
 using namespace Qt::StringLiterals;
@@ -19,7 +20,11 @@ std::unique_ptr<QWidget> InterfaceLoader::load(const QString &name)
         SystemLog::write(name + u": not in the bundle"_s);
         return nullptr;
     }
+    // It would load every plugin of Qt's form designer on this machine, and Qt Quick with them.
+    const QStringList plugins = QCoreApplication::libraryPaths();
+    QCoreApplication::setLibraryPaths({});
     InterfaceLoader loader;
+    QCoreApplication::setLibraryPaths(plugins);
     std::unique_ptr<QWidget> root(static_cast<QUiLoader &>(loader).load(&file));
     if (!root)
         SystemLog::write(name + u": "_s + loader.errorString());

@@ -14,7 +14,7 @@
 #include <QApplication>
 #include <QCheckBox>
 #include <QDesktopServices>
-#include <QEvent>
+#include <QKeyEvent>
 #include <QLabel>
 #include <QMainWindow>
 #include <QMessageBox>
@@ -73,8 +73,11 @@ void MainViewController::viewDidLoad()
     fill(*this, QColor::fromRgb(Styling::background));
     fill(*emailLine, grey);
     fill(*passwordLine, grey);
-    if (auto *const emblem = findChild<QLabel *>(u"emblem"_s))
+    if (auto *const emblem = findChild<QLabel *>(u"emblem"_s)) {
+        emblem->setAccessibleName(u"Corvale"_s);
         emblem->setPixmap(QApplication::windowIcon().pixmap(emblem->minimumSize(), devicePixelRatio()));
+    }
+    rememberText->setBuddy(rememberCheck);
 
     emailEdit->setText(UserDefaults::stringForKey(emailKey).value_or(QString()));
     passwordEdit->setText(UserDefaults::stringForKey(passwordKey).value_or(QString()));
@@ -89,7 +92,10 @@ void MainViewController::viewDidLoad()
     connect(passwordEdit, &TextField::returnPressed, this, &MainViewController::onConnectButtonClick);
     connect(signupButton, &TitleButton::clicked, this, &MainViewController::onSignUpButtonClick);
     connect(helpButton, &TitleButton::clicked, this, &MainViewController::onHelpButtonClick);
+    for (auto *const button : {connectButton.get(), signupButton.get(), helpButton.get()})
+        button->setAutoDefault(true); // Return presses it, as it does in an alert
     rememberText->installEventFilter(this);
+    rememberCheck->installEventFilter(this);
     connect(&OpenVPNService::shared(), &OpenVPNService::OpenVPNStateDidChange, this,
             &MainViewController::openVPNStateDidChange);
 }
@@ -107,15 +113,32 @@ void MainViewController::viewDidAppear() const
 void MainViewController::showEvent(QShowEvent *event)
 {
     QWidget::showEvent(event);
-    if (emailEdit)
-        viewDidAppear();
+    if (!emailEdit)
+        return;
+    viewDidAppear();
+    if (!window()->focusWidget())
+        nextToUse().setFocus();
 }
 
 bool MainViewController::eventFilter(QObject *watched, QEvent *event)
 {
     if (watched == rememberText && event->type() == QEvent::MouseButtonRelease)
         rememberCheck->click();
+    if (watched == rememberCheck && event->type() == QEvent::KeyPress) {
+        const int key = static_cast<QKeyEvent *>(event)->key();
+        if (key == Qt::Key_Return || key == Qt::Key_Enter)
+            rememberCheck->click();
+    }
     return QWidget::eventFilter(watched, event);
+}
+
+QWidget &MainViewController::nextToUse() const
+{
+    if (emailEdit->text().isEmpty())
+        return *emailEdit;
+    if (passwordEdit->text().isEmpty())
+        return *passwordEdit;
+    return *connectButton;
 }
 
 void MainViewController::onConnectButtonClick()
@@ -123,9 +146,9 @@ void MainViewController::onConnectButtonClick()
     if (requestUnderWay_)
         return;
     if (emailEdit->text().isEmpty())
-        return showAlert(u"Email should not be empty!"_s);
+        return refuse(*emailEdit, u"Email should not be empty!"_s);
     if (passwordEdit->text().isEmpty())
-        return showAlert(u"Password should not be empty!"_s);
+        return refuse(*passwordEdit, u"Password should not be empty!"_s);
 
     OpenVPNService &service = OpenVPNService::shared();
     if (ConnectionState::classOf(service.state()) != ConnectionState::Class::Stopped)
@@ -145,14 +168,14 @@ void MainViewController::onSignInAnswer(const AccountAnswer &answer, const QStri
 {
     using Kind = AccountAnswer::Kind;
     if (answer.kind() == Kind::rejected || answer.kind() == Kind::networkFailure)
-        return endSequence(answer.message());
+        return endSequence(answer);
     remember(email, password);
     if (answer.kind() == Kind::unreadable)
-        return endSequence(answer.message());
+        return endSequence(answer);
 
     const auto token = AccountClient::accessToken(answer.document());
     if (!token)
-        return endSequence(unknownError);
+        return endSequence(answer);
     AccountClient::fetchProfile(*token, [self = QPointer(this)](const AccountAnswer &profileAnswer) {
         if (self)
             self->onProfileAnswer(profileAnswer);
@@ -162,11 +185,11 @@ void MainViewController::onSignInAnswer(const AccountAnswer &answer, const QStri
 void MainViewController::onProfileAnswer(const AccountAnswer &answer)
 {
     if (answer.kind() != AccountAnswer::Kind::success)
-        return endSequence(answer.message());
+        return endSequence(answer);
     profile = answer.document();
     const auto configuration = AccountClient::configuration(profile);
     if (!configuration)
-        return endSequence(unknownError);
+        return endSequence(answer);
     requestUnderWay_ = false;
     AccountClient::writeConfiguration(*configuration);
     AccountClient::startTunnel(emailEdit->text(), passwordEdit->text());
@@ -180,10 +203,20 @@ void MainViewController::remember(const QString &email, const QString &password)
         UserDefaults::removeKeys({emailKey, passwordKey});
 }
 
-void MainViewController::endSequence(const QString &message)
+void MainViewController::endSequence(const AccountAnswer &answer)
 {
     requestUnderWay_ = false;
     showStopped();
+    if (answer.kind() == AccountAnswer::Kind::rejected)
+        refuse(*passwordEdit, answer.message());
+    else
+        showAlert(answer.kind() == AccountAnswer::Kind::success ? unknownError : answer.message());
+}
+
+void MainViewController::refuse(TextField &field, const QString &message)
+{
+    field.setFocus(); // where the person goes on when the alert is closed
+    field.selectAll();
     showAlert(message);
 }
 

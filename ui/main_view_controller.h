@@ -73,8 +73,11 @@ private:
     void showLook(const QString &title, const QString &imageName, QColor titleColor, bool enabled,
                   QColor labelColor) const;
     void remember(const QString &email, const QString &password) const;
-    void endSequence(const QString &message);
+    /// Frees the form and says what the answer, or what it lacks, amounts to.
+    void endSequence(const AccountAnswer &answer);
+    void refuse(TextField &field, const QString &message);
     void showNextAlert();
+    QWidget &nextToUse() const; ///< the first empty field, else the connect button
     static void openWebPage(const QString &address);
 
     bool requestUnderWay_ = false; ///< from a click until its sequence has ended or the tunnel is started

@@ -9,6 +9,7 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
+constexpr QLatin1String tokenKey("activation-token");
 constexpr int patience = 1000; // ms, for each question to the bus
 
 } // namespace
@@ -28,14 +29,14 @@ bool SingleInstance::claim()
         return true;
 
     QDBusMessage activate = QDBusMessage::createMethodCall(name, path, u"org.freedesktop.Application"_s, u"Activate"_s);
-    activate << QVariantMap();
+    activate << QVariantMap{{tokenKey, qEnvironmentVariable("XDG_ACTIVATION_TOKEN")}};
     const QDBusError error(bus.call(activate, QDBus::Block, patience));
     // A first instance that is busy answers late, but it is there; one that has just gone leaves the place free.
     return error.isValid() && error.type() != QDBusError::NoReply && error.type() != QDBusError::TimedOut &&
            error.type() != QDBusError::Timeout;
 }
 
-void SingleInstance::Activate(const QVariantMap &)
+void SingleInstance::Activate(const QVariantMap &platformData)
 {
-    emit activated();
+    emit activated(platformData.value(tokenKey).toString());
 }

@@ -20,5 +20,6 @@ public:
     Q_SCRIPTABLE Q_INVOKABLE void Activate(const QVariantMap &platformData);
 
 signals:
-    void activated(); ///< another start asks for the window
+    /// Another start asks for the window. With the token that lets it come to the front, where the desktop gave one.
+    void activated(const QString &token);
 };

@@ -1,0 +1,89 @@
+"""A status bar of the newer kind: watcher and host of StatusNotifier items on the session's bus.
+
+Writes one JSON line for each item that comes, with what it says of itself, and one when it goes. Reads requests:
+{"menu": true} is answered with the entries of the item's menu, {"choose": ENTRY} chooses one.
+"""
+import json
+import sys
+
+import gi
+
+gi.require_version("Gio", "2.0")
+from gi.repository import Gio, GLib  # noqa: E402
+
+WATCHER = "org.kde.StatusNotifierWatcher"
+ITEM = "org.kde.StatusNotifierItem"
+MENU = "com.canonical.dbusmenu"
+INTERFACE = Gio.DBusNodeInfo.new_for_xml(
+    f"""<node><interface name="{WATCHER}">
+    <method name="RegisterStatusNotifierItem"><arg type="s" direction="in"/></method>
+    <property name="IsStatusNotifierHostRegistered" type="b" access="read"/>
+    <property name="ProtocolVersion" type="i" access="read"/>
+    </interface></node>"""
+).interfaces[0]
+
+bus = Gio.bus_get_sync(Gio.BusType.SESSION)
+menus = {}  # of the items' owners on the bus
+
+
+def tell(**what):
+    print(json.dumps(what), flush=True)
+
+
+def ask(owner, path, interface, member, arguments):
+    return bus.call_sync(owner, path, interface, member, arguments, None, Gio.DBusCallFlags.NONE, 5000, None).unpack()
+
+
+def entries(owner):
+    layout = ask(owner, menus[owner], MENU, "GetLayout", GLib.Variant("(iias)", (0, -1, [])))[1]
+    return {entry[1]["label"]: entry[0] for entry in layout[2] if "label" in entry[1]}
+
+
+def welcome(owner):
+    about = GLib.Variant("(s)", (ITEM,))
+    said = ask(owner, "/StatusNotifierItem", "org.freedesktop.DBus.Properties", "GetAll", about)[0]
+    menus[owner] = said["Menu"]
+    tell(came=said["Title"] or said["Id"], pictures=len(said["IconPixmap"]), menu=list(entries(owner)))
+    return False
+
+
+def on_call(_bus, sender, _path, _interface, _member, _arguments, invocation):
+    invocation.return_value(None)
+    GLib.idle_add(welcome, sender)
+
+
+def on_owner_change(_bus, _sender, _path, _interface, _member, arguments):
+    name, _old, new = arguments.unpack()
+    if not new and menus.pop(name, None):
+        tell(gone=True)
+
+
+def on_request(_source, _condition):
+    line = sys.stdin.readline()
+    if not line:
+        loop.quit()
+        return False
+    request = json.loads(line)
+    owner = list(menus)[-1]
+    if "choose" in request:
+        event = (entries(owner)[request["choose"]], "clicked", GLib.Variant("i", 0), 0)
+        ask(owner, menus[owner], MENU, "Event", GLib.Variant("(isvu)", event))
+        tell(chosen=request["choose"])
+    else:
+        tell(menu=list(entries(owner)))
+    return True
+
+
+def value_of(_bus, _sender, _path, _interface, name):
+    return GLib.Variant("i", 0) if name == "ProtocolVersion" else GLib.Variant("b", True)
+
+
+bus.register_object("/StatusNotifierWatcher", INTERFACE, on_call, value_of, None)
+bus.signal_subscribe(
+    "org.freedesktop.DBus", "org.freedesktop.DBus", "NameOwnerChanged", None, None, Gio.DBusSignalFlags.NONE,
+    on_owner_change,
+)
+Gio.bus_own_name_on_connection(bus, WATCHER, Gio.BusNameOwnerFlags.NONE, None, None)
+GLib.io_add_watch(sys.stdin, GLib.PRIORITY_DEFAULT, GLib.IO_IN | GLib.IO_HUP, on_request)
+loop = GLib.MainLoop()
+loop.run()
