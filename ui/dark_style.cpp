@@ -17,12 +17,15 @@ void drawCheckBox(const QStyleOption &option, QPainter &painter)
     const bool enabled = option.state.testFlag(QStyle::State_Enabled);
     const bool checked = option.state.testFlag(QStyle::State_On);
     const bool focused = option.state.testFlag(QStyle::State_HasFocus);
+    const bool hovered = enabled && option.state.testFlag(QStyle::State_MouseOver);
 
     painter.save();
     painter.setRenderHint(QPainter::Antialiasing);
-    painter.setPen(QPen(QColor::fromRgb(focused ? Styling::white : Styling::grey), 1.5));
+    painter.setPen(QPen(QColor::fromRgb(focused || hovered ? Styling::white : Styling::grey), focused ? 2 : 1.5));
     if (checked)
         painter.setBrush(enabled ? option.palette.highlight() : option.palette.button());
+    else if (focused)
+        painter.setBrush(option.palette.mid());
     painter.drawRoundedRect(box, 3, 3);
     if (checked) {
         const QPointF tick[] = {{0.25, 0.52}, {0.43, 0.70}, {0.76, 0.32}};

@@ -18,6 +18,7 @@
 #include <QLabel>
 #include <QMainWindow>
 #include <QMessageBox>
+#include <QScreen>
 #include <QUrl>
 
 using namespace Qt::StringLiterals;
@@ -90,8 +91,18 @@ void MainViewController::viewDidLoad()
     connect(signupButton, &TitleButton::clicked, this, &MainViewController::onSignUpButtonClick);
     connect(helpButton, &TitleButton::clicked, this, &MainViewController::onHelpButtonClick);
     rememberText->installEventFilter(this);
+    hideHeadingOnSmallScreen();
     connect(&OpenVPNService::shared(), &OpenVPNService::OpenVPNStateDidChange, this,
             &MainViewController::openVPNStateDidChange);
+}
+
+void MainViewController::hideHeadingOnSmallScreen() const
+{
+    // The window cannot be made smaller or scrolled, and every control has to be in reach.
+    constexpr int titleBar = 40;
+    auto *const heading = findChild<QWidget *>(u"heading"_s);
+    if (heading && sizeHint().height() + titleBar > screen()->availableGeometry().height())
+        heading->hide();
 }
 
 void MainViewController::viewDidAppear() const

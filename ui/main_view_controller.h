@@ -68,6 +68,7 @@ protected:
 private:
     bool connectOutlets();
     void viewDidLoad();
+    void hideHeadingOnSmallScreen() const;
     void viewDidAppear() const;
     void showLocked(const QString &title, const QString &imageName, QColor titleColor) const;
     void showLook(const QString &title, const QString &imageName, QColor titleColor, bool enabled,

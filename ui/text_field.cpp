@@ -5,8 +5,15 @@
 #include <QStyleHints>
 #include <QTimerEvent>
 
+namespace {
+
+constexpr int ownMargin = 2; // what every line edit keeps free at both ends
+
+} // namespace
+
 TextField::TextField(QWidget *parent) : QLineEdit(parent)
 {
+    setTextMargins(-ownMargin, 0, -ownMargin, 0); // the text begins where the line under it does
     connect(this, &QLineEdit::cursorPositionChanged, this, &TextField::showCaret);
     connect(this, &QLineEdit::textChanged, this, &TextField::showCaret);
 }

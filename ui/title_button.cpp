@@ -6,7 +6,7 @@
 namespace {
 
 constexpr QSize linkPadding(0, 10);   // enough to hit and to draw the focus under
-constexpr QSize imagePadding(64, 26); // room for the round ends
+constexpr QSize imagePadding(64, 20); // room for the round ends
 constexpr qreal pressedOpacity = 0.75;
 
 } // namespace
@@ -27,13 +27,17 @@ void TitleButton::setTitle(const QString &title, QColor color, Qt::Alignment hor
 
 QSize TitleButton::sizeHint() const
 {
-    return fontMetrics().size(Qt::TextHideMnemonic | Qt::TextSingleLine, text()) +
-           (icon().isNull() ? linkPadding : imagePadding);
+    const QSize title = fontMetrics().size(Qt::TextHideMnemonic | Qt::TextSingleLine, text());
+    if (icon().isNull())
+        return title + linkPadding;
+    // At its own height the image is as sharp as it was drawn; large titles stretch it.
+    return (title + imagePadding).expandedTo(QSize(0, imageSize().height()));
 }
 
 void TitleButton::paintEvent(QPaintEvent *)
 {
     QPainter painter(this);
+    painter.setRenderHint(QPainter::Antialiasing);
     if (isDown())
         painter.setOpacity(pressedOpacity);
     if (!icon().isNull())
@@ -41,14 +45,33 @@ void TitleButton::paintEvent(QPaintEvent *)
     painter.setPen(palette().color(QPalette::ButtonText));
     QRect title;
     painter.drawText(rect(), static_cast<int>(horizontal_ | Qt::AlignVCenter), text(), &title);
-    if (hasFocus())
-        painter.drawLine(title.bottomLeft() + QPoint(0, 2), title.bottomRight() + QPoint(0, 2));
+    drawAttention(painter, title);
+}
+
+void TitleButton::drawAttention(QPainter &painter, const QRect &title) const
+{
+    if (!hasFocus() && !underMouse())
+        return;
+    const qreal width = hasFocus() ? 2 : 1;
+    if (icon().isNull()) {
+        painter.fillRect(QRectF(title.left(), title.bottom() + 2, title.width(), width),
+                         hasFocus() ? QColor(Qt::white) : painter.pen().color());
+        return;
+    }
+    painter.setPen(QPen(hasFocus() ? QColor(Qt::white) : palette().color(QPalette::ButtonText), width));
+    const QRectF edge = QRectF(rect()).adjusted(width / 2, width / 2, -width / 2, -width / 2);
+    painter.drawRoundedRect(edge, edge.height() / 2, edge.height() / 2);
+}
+
+QSize TitleButton::imageSize() const
+{
+    return icon().availableSizes().value(0, QSize(0, 0));
 }
 
 void TitleButton::drawBackground(QPainter &painter) const
 {
     // Only the middle of the image is stretched, so that its ends stay round at every width.
-    const QPixmap pixmap = icon().pixmap(icon().availableSizes().value(0, size()), devicePixelRatio());
+    const QPixmap pixmap = icon().pixmap(imageSize(), devicePixelRatio());
     const int end = pixmap.height() / 2;
     const int half = height() / 2;
     const QRect middle(end, 0, pixmap.width() - 2 * end, pixmap.height());
