@@ -3,7 +3,7 @@
 # installed client is driven like a person would. Everything in it ends with this command.
 #
 # usage: lab/demo.sh [connect|wrong-password|server-late|server-restart|server-reset|rejected|reuse|plain|
-#                     takeover|cycles|refusals|confined|profiles|race]
+#                     takeover|cycles|refusals|confined|profiles|race|pictures]
 #        lab/demo.sh shell [COMMAND…]    a command (or a shell) inside the machine, its services running
 #        lab/demo.sh check               says whether this system lets the lab be made, and starts nothing
 # MANUAL=1 opens the client on the display that is there and leaves it to the person.

@@ -1,6 +1,7 @@
 """What is shown inside the private machine, one function each. A scenario either returns or raises Failure.
 
 usage: scenario.py connect|wrong-password|server-late|server-restart|server-reset|rejected|reuse|plain
+       scenario.py pictures                                               what the handbook's pages show
        scenario.py takeover|cycles|refusals|confined|profiles|race        what the helper promises
 """
 import os
@@ -11,6 +12,7 @@ import machine
 import plain
 import timeline
 from helper_scenarios import HELPER_SCENARIOS
+from picture_scenarios import PICTURE_SCENARIOS
 from session import LOGS, Failure, Session, wait_for
 from stage import ANA, BERTA, Stage
 
@@ -143,7 +145,7 @@ SCENARIOS = {
     "rejected": rejected,
     "reuse": reuse,
     "plain": plain_only,
-} | HELPER_SCENARIOS
+} | HELPER_SCENARIOS | PICTURE_SCENARIOS
 
 
 def main():

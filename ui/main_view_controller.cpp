@@ -1,6 +1,7 @@
 #include "main_view_controller.h"
 
 #include "account_client.h"
+#include "alert_sheet.h"
 #include "app_delegate.h"
 #include "connection_state.h"
 #include "openvpn_service.h"
@@ -17,7 +18,6 @@
 #include <QEvent>
 #include <QLabel>
 #include <QMainWindow>
-#include <QMessageBox>
 #include <QScreen>
 #include <QUrl>
 
@@ -259,10 +259,7 @@ void MainViewController::showNextAlert()
     QWidget *const owner = appDelegate ? appDelegate->window.get() : nullptr;
     if (owner && (owner->isHidden() || owner->isMinimized()))
         appDelegate->applicationShouldHandleReopen(false);
-    const QString message = waitingAlerts_.takeFirst();
-    auto *const alert = new QMessageBox(QMessageBox::Critical, u"Corvale"_s, message, QMessageBox::Ok, owner);
-    alert->setTextFormat(Qt::PlainText);
-    alert->setAttribute(Qt::WA_DeleteOnClose);
+    auto *const alert = new AlertSheet(waitingAlerts_.takeFirst(), owner);
     // Not the alert's end itself but what it leaves: the next sheet must not be opened while this one still closes.
     connect(alert, &QObject::destroyed, this, &MainViewController::showNextAlert);
     alert_ = alert;

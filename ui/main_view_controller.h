@@ -7,10 +7,10 @@
 #include <QStringList>
 #include <QWidget>
 
+class AlertSheet;
 class AppDelegate;
 class QCheckBox;
 class QLabel;
-class QMessageBox;
 class TextField;
 class TitleButton;
 
@@ -79,6 +79,6 @@ private:
     static void openWebPage(const QString &address);
 
     bool requestUnderWay_ = false; ///< from a click until its sequence has ended or the tunnel is started
-    QPointer<QMessageBox> alert_;
+    QPointer<AlertSheet> alert_;
     QStringList waitingAlerts_;
 };

@@ -15,7 +15,6 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-constexpr QRgb raised = 0xFF323742;    // buttons and menus, a little above the background
 constexpr QRgb highlight = 0xFF1C8455; // the green of the connected button, dark enough for white text
 constexpr QRgb faint = 0xFF92959B;     // what cannot be used now
 
@@ -42,7 +41,7 @@ private:
 
 QPalette darkPalette()
 {
-    QPalette palette(QColor::fromRgb(raised), QColor::fromRgb(Styling::background));
+    QPalette palette(QColor::fromRgb(Styling::raised), QColor::fromRgb(Styling::background));
     palette.setColor(QPalette::Base, QColor::fromRgb(Styling::background));
     palette.setColor(QPalette::Highlight, QColor::fromRgb(highlight));
     palette.setColor(QPalette::HighlightedText, QColor::fromRgb(Styling::white));

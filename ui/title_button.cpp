@@ -1,13 +1,15 @@
 #include "title_button.h"
 
+#include "styling.h"
+
 #include <QAccessible>
+#include <QFocusEvent>
 #include <QPainter>
 
 namespace {
 
 constexpr QSize linkPadding(0, 10);   // enough to hit and to draw the focus under
 constexpr QSize imagePadding(64, 20); // room for the round ends
-constexpr qreal pressedOpacity = 0.75;
 
 } // namespace
 
@@ -39,7 +41,7 @@ void TitleButton::paintEvent(QPaintEvent *)
     QPainter painter(this);
     painter.setRenderHint(QPainter::Antialiasing);
     if (isDown())
-        painter.setOpacity(pressedOpacity);
+        painter.setOpacity(Styling::pressedOpacity);
     if (!icon().isNull())
         drawBackground(painter);
     painter.setPen(palette().color(QPalette::ButtonText));
@@ -48,17 +50,26 @@ void TitleButton::paintEvent(QPaintEvent *)
     drawAttention(painter, title);
 }
 
+void TitleButton::focusInEvent(QFocusEvent *event)
+{
+    // Whoever clicked knows where they are. A window that comes back shows what it showed.
+    if (event->reason() != Qt::ActiveWindowFocusReason && event->reason() != Qt::PopupFocusReason)
+        focusShows_ = event->reason() != Qt::MouseFocusReason;
+    QPushButton::focusInEvent(event);
+}
+
 void TitleButton::drawAttention(QPainter &painter, const QRect &title) const
 {
-    if (!hasFocus() && !underMouse())
+    const bool focused = hasFocus() && focusShows_;
+    if (!focused && !underMouse())
         return;
-    const qreal width = hasFocus() ? 2 : 1;
+    const qreal width = focused ? 2 : 1;
+    const QColor color = focused ? QColor(Qt::white) : palette().color(QPalette::ButtonText);
     if (icon().isNull()) {
-        painter.fillRect(QRectF(title.left(), title.bottom() + 2, title.width(), width),
-                         hasFocus() ? QColor(Qt::white) : painter.pen().color());
+        painter.fillRect(QRectF(title.left(), title.bottom() + 2, title.width(), width), color);
         return;
     }
-    painter.setPen(QPen(hasFocus() ? QColor(Qt::white) : palette().color(QPalette::ButtonText), width));
+    painter.setPen(QPen(color, width));
     const QRectF edge = QRectF(rect()).adjusted(width / 2, width / 2, -width / 2, -width / 2);
     painter.drawRoundedRect(edge, edge.height() / 2, edge.height() / 2);
 }
@@ -71,7 +82,8 @@ QSize TitleButton::imageSize() const
 void TitleButton::drawBackground(QPainter &painter) const
 {
     // Only the middle of the image is stretched, so that its ends stay round at every width.
-    const QPixmap pixmap = icon().pixmap(imageSize(), devicePixelRatio());
+    const QSize wanted = imageSize().scaled(QWIDGETSIZE_MAX, height(), Qt::KeepAspectRatio);
+    const QPixmap pixmap = icon().pixmap(wanted, devicePixelRatio());
     const int end = pixmap.height() / 2;
     const int half = height() / 2;
     const QRect middle(end, 0, pixmap.width() - 2 * end, pixmap.height());

@@ -18,11 +18,13 @@ public:
 
 protected:
     void paintEvent(QPaintEvent *event) override;
+    void focusInEvent(QFocusEvent *event) override;
 
 private:
     void drawBackground(QPainter &painter) const;
     void drawAttention(QPainter &painter, const QRect &title) const; ///< the keyboard focus, or the pointer over it
     QSize imageSize() const;
 
+    bool focusShows_ = true; ///< not the mouse gave it the focus
     Qt::Alignment horizontal_ = Qt::AlignHCenter;
 };
