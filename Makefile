@@ -5,7 +5,7 @@ JOBS ?= $(shell nproc)
 FUZZ_SECONDS ?= 60
 export CTEST_OUTPUT_ON_FAILURE = 1
 
-.PHONY: build test demo asan tsan lint fuzz packages install clean
+.PHONY: build test demo screenshots asan tsan lint fuzz packages install clean
 
 build: packages
 	cmake --preset $(PRESET)
@@ -31,6 +31,13 @@ demo:
 	lab/demo.sh check
 	$(MAKE) --no-print-directory build
 	lab/demo.sh
+
+# The pages of docs/, out of what the lab's screen shows. Fails when a colour in them is not the fixed one.
+screenshots:
+	lab/demo.sh check
+	$(MAKE) --no-print-directory build
+	lab/demo.sh pictures
+	cp build/demo/docs/*.png docs/
 
 install: build
 	DESTDIR="$(DESTDIR)" cmake --install build $(if $(PREFIX),--prefix "$(PREFIX)")

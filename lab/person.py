@@ -108,6 +108,7 @@ def place(request):
 
 
 def key(request):
+    """Types one key, into whatever window has the keyboard."""
     return {"pressed": Atspi.generate_keyboard_event(request["symbol"], None, Atspi.KeySynthType.SYM)}
 
 

@@ -4,11 +4,12 @@ Nothing is drawn here: the pictures are cut out of the screen and put side by si
 """
 import re
 import subprocess
+import time
 
 from session import PERSONAL, PICTURES, Failure, wait_for
 from stage import ANA, Stage
 
-ACCOUNT_SERVICE = "203.0.113.10"
+ACCOUNT_SERVICE, VPN_SERVER = "203.0.113.10", "203.0.113.20"
 AWAY = (900, 40)  # where the pointer covers nothing
 TAB, RETURN = 0xFF09, 0xFF0D
 PANEL = (1024, 1080, 30)  # the screen's width and height, and the height of the panel at its lower edge
@@ -26,6 +27,10 @@ ALERTS = (
 STOPPED, CONNECTING, CONNECTED = "Conectar", "Conectando...", "Desconectar"
 # (button's title, its colour, the image under it, the check box's label)
 LOOKS = ((STOPPED, GREY, DARK_IMAGE, WHITE), (CONNECTING, GREY, DARK_IMAGE, GREY), (CONNECTED, WHITE, GREEN_IMAGE, GREY))
+
+
+def ip(*what):
+    subprocess.run(["ip", *what], check=True)
 
 
 class Screen:
@@ -61,8 +66,7 @@ class Screen:
     def keep(self, name, place=None):
         x, y, width, height = place or self.form()
         frame = PICTURES / f"{name}.xwd"
-        # What was just announced to the accessibility bus is on the screen a moment later.
-        subprocess.run(["sleep", "0.4"], check=True)
+        time.sleep(0.4)  # what was just announced to the accessibility bus is on the screen a moment later
         self.session.picture(name)
         subprocess.run(["convert", f"xwd:{frame}", "-crop", f"{width}x{height}+{x}+{y}", "+repage",
                         "-depth", "8", frame.with_suffix(".png")], check=True)
@@ -107,20 +111,17 @@ def looks(screen):
     """The three looks, and every fixed colour in them."""
     person = screen.person
     screen.point()
-    pictures = [screen.keep("stopped")]
-    check_form(screen, pictures[0], LOOKS[0])
+    check_form(screen, screen.keep("stopped"), LOOKS[0])
     # A tunnel that waits for its server stays where it is while its picture is taken.
-    subprocess.run(["ip", "route", "add", "blackhole", "203.0.113.20"], check=True)
+    ip("route", "add", "blackhole", VPN_SERVER)
     click = person.sign_in(*ANA)
     person.sees(CONNECTING, click)
     screen.point()
-    pictures.append(screen.keep("connecting"))
-    check_form(screen, pictures[1], LOOKS[1])
-    subprocess.run(["ip", "route", "del", "blackhole", "203.0.113.20"], check=True)
+    check_form(screen, screen.keep("connecting"), LOOKS[1])
+    ip("route", "del", "blackhole", VPN_SERVER)
     person.sees(CONNECTED, click, 60)
     screen.point()
-    pictures.append(screen.keep("connected"))
-    check_form(screen, pictures[2], LOOKS[2])
+    check_form(screen, screen.keep("connected"), LOOKS[2])
 
 
 def check_form(screen, picture, look):
@@ -144,7 +145,7 @@ def alerts(screen):
         if name == "network":
             # A connection that is already there would only fall silent.
             screen.stage.client.end()
-            subprocess.run(["ip", "route", "add", "prohibit", ACCOUNT_SERVICE], check=True)
+            ip("route", "add", "prohibit", ACCOUNT_SERVICE)
             screen.stage.start_client()
         person.sign_in(email, password)
         shown = person.do("alert")["text"]
@@ -153,7 +154,7 @@ def alerts(screen):
         screen.keep(f"alert-{name}")
         person.do("click", name="OK")
         if name == "network":
-            subprocess.run(["ip", "route", "del", "prohibit", ACCOUNT_SERVICE], check=True)
+            ip("route", "del", "prohibit", ACCOUNT_SERVICE)
 
 
 def attention(screen):
@@ -192,10 +193,13 @@ def panels(screen):
 
 
 def sizes(screen):
-    """Scaled screens and large letters; no window of them may be larger than the screens that people have."""
-    fonts = {"QT_ENABLE_HIGHDPI_SCALING": "0"}
-    for name, dpi, options, most in (("scale-150", 144, {}, (768, 660)), ("scale-200", 192, {}, (1920, 900)),
-                                     ("large-fonts", 144, fonts, (768, 660))):
+    """Scaled screens and large letters; a form leaves room for a panel and a title bar on the screens that people have."""
+    letters = {"QT_ENABLE_HIGHDPI_SCALING": "0"}
+    for name, dpi, options, highest in (
+        ("scale-150", 144, {}, 768 - 100),
+        ("scale-200", 192, {}, 1080 - 150),
+        ("large-fonts", 144, letters, 768 - 100),
+    ):
         screen.stage.client.end()
         screen.session.run("xprop", "-root", "-f", "RESOURCE_MANAGER", "8s", "-set", "RESOURCE_MANAGER",
                            f"Xft.dpi:\t{dpi}\n").wait()
@@ -205,7 +209,7 @@ def sizes(screen):
         screen.session.environment = before
         place = screen.form()
         print(f"  {name}: {place[2]} × {place[3]}")
-        Stage.expect(place[3] <= most[1], f"the window of {name} is too high")
+        Stage.expect(place[3] <= highest, f"the window of {name} is too high")
         screen.keep(name)
         screen.person.do("key", symbol=RETURN)
         screen.person.do("alert")

@@ -179,6 +179,7 @@ TEST_F(FormTest, AlertsAreSheetsThatWaitForEachOther)
     EXPECT_TRUE(delegate_->window->isVisible());
 
     QMessageBox &box = *alert();
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(&box));
     EXPECT_EQ(box.text(), u"Email o Contraseña & <b>inválidos</b>"_s);
     EXPECT_EQ(box.textFormat(), Qt::PlainText);
     EXPECT_EQ(box.icon(), QMessageBox::Critical);
