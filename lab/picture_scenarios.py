@@ -26,7 +26,11 @@ ALERTS = (
 )
 STOPPED, CONNECTING, CONNECTED = "Conectar", "Conectando...", "Desconectar"
 # (button's title, its colour, the image under it, the check box's label)
-LOOKS = ((STOPPED, GREY, DARK_IMAGE, WHITE), (CONNECTING, GREY, DARK_IMAGE, GREY), (CONNECTED, WHITE, GREEN_IMAGE, GREY))
+LOOKS = (
+    (STOPPED, GREY, DARK_IMAGE, WHITE),
+    (CONNECTING, GREY, DARK_IMAGE, GREY),
+    (CONNECTED, WHITE, GREEN_IMAGE, GREY),
+)
 
 
 def ip(*what):
@@ -111,6 +115,7 @@ def looks(screen):
     """The three looks, and every fixed colour in them."""
     person = screen.person
     screen.point()
+    print("  picture      what                     fixed     seen")
     check_form(screen, screen.keep("stopped"), LOOKS[0])
     # A tunnel that waits for its server stays where it is while its picture is taken.
     ip("route", "add", "blackhole", VPN_SERVER)
@@ -193,7 +198,7 @@ def panels(screen):
 
 
 def sizes(screen):
-    """Scaled screens and large letters; a form leaves room for a panel and a title bar on the screens that people have."""
+    """Scaled screens and large letters. The form leaves room for a panel and a title bar on the screens there are."""
     letters = {"QT_ENABLE_HIGHDPI_SCALING": "0"}
     for name, dpi, options, highest in (
         ("scale-150", 144, {}, 768 - 100),

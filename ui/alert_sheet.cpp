@@ -53,6 +53,7 @@ void AlertSheet::arrange()
 bool AlertSheet::event(QEvent *event)
 {
     // Upon this one a message box takes the size that it finds best, and ours is the window's business.
+    // NOLINTNEXTLINE(bugprone-parent-virtual-call): the base's is what is not to happen.
     return event->type() == QEvent::LayoutRequest ? QDialog::event(event) : QMessageBox::event(event);
 }
 
