@@ -5,7 +5,7 @@ JOBS ?= $(shell nproc)
 FUZZ_SECONDS ?= 60
 export CTEST_OUTPUT_ON_FAILURE = 1
 
-.PHONY: build test demo asan tsan lint fuzz packages install uninstall deb clean
+.PHONY: build test demo screenshots asan tsan lint fuzz packages install uninstall deb clean
 
 build: packages
 	cmake --preset $(PRESET)
@@ -32,8 +32,16 @@ demo:
 	$(MAKE) --no-print-directory build
 	lab/demo.sh
 
+# The pages of docs/, out of what the lab's screen shows. Fails when a colour in them is not the fixed one.
+screenshots:
+	lab/demo.sh check
+	$(MAKE) --no-print-directory build
+	lab/demo.sh pictures
+	cp build/demo/docs/*.png docs/
+
 # The running system hears of it at once; any other place is only filled.
 to_the_system = $(if $(DESTDIR)$(filter-out /usr,$(PREFIX)),,$(1))
+
 install: build
 	umask 022; DESTDIR="$(DESTDIR)" cmake --install build $(if $(PREFIX),--prefix "$(PREFIX)")
 	$(call to_the_system,packaging/debian/postinst configure)

@@ -15,6 +15,7 @@ KEYS = "/etc/lab/"
 OTHER = "/run/lab/profile.ovpn"  # a scenario's own configuration, handed out instead
 # The second subscriber may sign in, but the OpenVPN server does not know the password.
 PASSWORDS = {"ana@example.com": "secret", "berta@example.com": "expired"}
+GARBLED = "closed for maintenance"  # signs in nobody, and is answered with something that makes no sense
 TOKENS = set()
 
 
@@ -51,6 +52,8 @@ class Handler(http.server.BaseHTTPRequestHandler):
             return self.answer(404, {"error": "no such address"})
         if not isinstance(sent, dict) or sorted(sent) != ["email", "password"]:
             return self.answer(400, {"error": "not a sign-in"})
+        if sent["password"] == GARBLED:
+            return self.answer(200, GARBLED)
         if PASSWORDS.get(sent["email"]) != sent["password"]:
             return self.answer(401, {"error": "unknown subscriber or password"})
         token = secrets.token_urlsafe(24)

@@ -55,6 +55,7 @@ def find(role, names):
 
 BUTTON = (Atspi.Role.PUSH_BUTTON,)
 FIELD = (Atspi.Role.TEXT, Atspi.Role.PASSWORD_TEXT, Atspi.Role.ENTRY)
+ENTRY = (Atspi.Role.CHECK_BOX, Atspi.Role.MENU_ITEM)
 ALERT = (Atspi.Role.ALERT, Atspi.Role.DIALOG)
 
 
@@ -142,12 +143,33 @@ def focus(_):
     return {}
 
 
+def place(request):
+    role = BUTTON + FIELD + ENTRY if request.get("works", True) else (Atspi.Role.LABEL,)
+    thing = find(role, (request["name"],))
+    at = thing and thing.get_extents(Atspi.CoordType.SCREEN)
+    return at and {"place": [at.x, at.y, at.width, at.height]}
+
+
+def key(request):
+    """Types one key, into whatever window has the keyboard."""
+    return {"pressed": Atspi.generate_keyboard_event(request["symbol"], None, Atspi.KeySynthType.SYM)}
+
+
+def point(request):
+    """Moves the pointer of a screen of the lab's own, and clicks there when asked to."""
+    Atspi.generate_mouse_event(request["x"], request["y"], "abs")
+    if request.get("click"):
+        Atspi.generate_mouse_event(request["x"], request["y"], "b1c")
+    return {"pointed": True}
+
+
 def tree(_):
     return {"tree": [f"{t.get_role_name()} {t.get_name()!r}" for t in everything(application()) if showing(t)]}
 
 
 REQUESTS = {"window": window, "type": type_text, "click": click, "alert": alert, "fields": fields_enabled, "tree": tree,
-            "labelled": labelled, "checked": checked, "act": act, "focus": focus, "text": text_of, "frame": frame}
+            "labelled": labelled, "checked": checked, "act": act, "focus": focus, "text": text_of, "frame": frame,
+            "place": place, "key": key, "point": point}
 
 
 def on_name_change(event):

@@ -4,6 +4,7 @@ usage: scenario.py connect|wrong-password|server-late|server-restart|server-rese
        scenario.py takeover|cycles|kills|refusals|confined|profiles|race       what the helper promises
        scenario.py install|install-refused|package                             how the product gets into the system
        scenario.py keyboard|reader|tray|reopen|no-bus|quit                    what the window's shell promises
+       scenario.py pictures                                                    what the handbook's pages show
 """
 import os
 import sys
@@ -16,6 +17,7 @@ from configuration_scenarios import profiles, race
 from install_scenarios import INSTALL_SCENARIOS
 from life_scenarios import cycles, kills, takeover
 from package_scenarios import PACKAGE_SCENARIOS
+from picture_scenarios import PICTURE_SCENARIOS
 from refusal_scenarios import confined, refusals
 from session import LOGS, Failure, Session, wait_for
 from shell_scenarios import SHELL_SCENARIOS
@@ -159,7 +161,7 @@ SCENARIOS = {
     "confined": confined,
     "profiles": profiles,
     "race": race,
-} | INSTALL_SCENARIOS | PACKAGE_SCENARIOS | SHELL_SCENARIOS
+} | INSTALL_SCENARIOS | PACKAGE_SCENARIOS | PICTURE_SCENARIOS | SHELL_SCENARIOS
 
 
 def main():

@@ -56,7 +56,7 @@ class Program:
 class Session:
     """A desktop with a panel, or, for what a desktop may lack or do, one with a window manager alone."""
 
-    def __init__(self, bare=False):
+    def __init__(self, bare=False, size="800x600"):
         self.account = pwd.getpwnam("ana")
         runtime = f"/run/user/{self.account.pw_uid}"
         self.environment = {
@@ -74,7 +74,7 @@ class Session:
             if os.path.exists("/run/lab/xauthority"):
                 self.environment["XAUTHORITY"] = "/run/lab/xauthority"
         else:
-            self._start_screen()
+            self._start_screen(size)
         self.run("dbus-daemon", "--session", "--nofork", f"--address={self.environment['DBUS_SESSION_BUS_ADDRESS']}")
         wait_for("session bus", lambda: os.path.exists(f"{runtime}/bus"))
         if bare:
@@ -87,14 +87,15 @@ class Session:
             self.start_panel()
 
     def start_panel(self):
-        return self.run("tint2", "-c", str(PERSONAL / "tint2rc"))
+        self.panel = self.run("tint2", "-c", str(PERSONAL / "tint2rc"))
+        return self.panel
 
-    def _start_screen(self):
+    def _start_screen(self, size):
         self.environment |= {"DISPLAY": ":7", "LAB_OWN_SCREEN": "1"}
         frames = pathlib.Path(self.environment["XDG_RUNTIME_DIR"], "screen")
         frames.mkdir()
         os.chown(frames, self.account.pw_uid, self.account.pw_gid)
-        self.run("Xvfb", ":7", "-screen", "0", "800x600x24", "-noreset", "-nolisten", "tcp", "-fbdir", str(frames))
+        self.run("Xvfb", ":7", "-screen", "0", f"{size}x24", "-noreset", "-nolisten", "tcp", "-fbdir", str(frames))
         wait_for("screen", lambda: os.path.exists("/tmp/.X11-unix/X7"))
         self.screen = frames / "Xvfb_screen0"
 

@@ -10,9 +10,9 @@ BERTA = ("berta@example.com", "expired")  # signs in, but the OpenVPN server ref
 class Stage:
     """The person's session with a client that has just been started in it."""
 
-    def __init__(self, bare=False):
+    def __init__(self, **screen):
         self.bus = timeline.Bus()
-        self.session = Session(bare)
+        self.session = Session(**screen)
         self.person = Person(self.session)
         self.start_client()
 

@@ -2,6 +2,7 @@
 
 #include "styling.h"
 
+#include <QIcon>
 #include <QPainter>
 #include <QStyleOption>
 
@@ -10,6 +11,9 @@ using namespace Qt::StringLiterals;
 namespace {
 
 constexpr int boxSide = 18;
+constexpr int alertSide = 40;
+constexpr QSize buttonPadding(56, 14);
+constexpr int usualDpi = 96; // more of them and nothing scaled means larger fonts
 
 void drawCheckBox(const QStyleOption &option, QPainter &painter)
 {
@@ -17,12 +21,15 @@ void drawCheckBox(const QStyleOption &option, QPainter &painter)
     const bool enabled = option.state.testFlag(QStyle::State_Enabled);
     const bool checked = option.state.testFlag(QStyle::State_On);
     const bool focused = option.state.testFlag(QStyle::State_HasFocus);
+    const bool hovered = enabled && option.state.testFlag(QStyle::State_MouseOver);
 
     painter.save();
     painter.setRenderHint(QPainter::Antialiasing);
-    painter.setPen(QPen(QColor::fromRgb(focused ? Styling::white : Styling::grey), 1.5));
+    painter.setPen(QPen(QColor::fromRgb(focused || hovered ? Styling::white : Styling::grey), focused ? 2 : 1.5));
     if (checked)
         painter.setBrush(enabled ? option.palette.highlight() : option.palette.button());
+    else if (focused)
+        painter.setBrush(option.palette.mid());
     painter.drawRoundedRect(box, 3, 3);
     if (checked) {
         const QPointF tick[] = {{0.25, 0.52}, {0.43, 0.70}, {0.76, 0.32}};
@@ -33,6 +40,24 @@ void drawCheckBox(const QStyleOption &option, QPainter &painter)
         painter.setBrush(Qt::NoBrush);
         painter.drawPolyline(line);
     }
+    painter.restore();
+}
+
+/// The button of an alert: the form's own draw themselves.
+void drawButton(const QStyleOption &option, QPainter &painter)
+{
+    const bool pressed = option.state.testFlag(QStyle::State_Sunken);
+    const bool hovered = option.state.testFlag(QStyle::State_MouseOver);
+    const bool focused = option.state.testFlag(QStyle::State_HasFocus);
+    const QRectF edge = QRectF(option.rect).adjusted(1, 1, -1, -1);
+
+    painter.save();
+    painter.setRenderHint(QPainter::Antialiasing);
+    if (pressed)
+        painter.setOpacity(Styling::pressedOpacity);
+    painter.setBrush(option.palette.highlight());
+    painter.setPen(hovered || focused ? QPen(QColor::fromRgb(Styling::white), focused ? 2 : 1) : QPen(Qt::NoPen));
+    painter.drawRoundedRect(edge, edge.height() / 2, edge.height() / 2);
     painter.restore();
 }
 
@@ -49,11 +74,34 @@ void DarkStyle::drawPrimitive(PrimitiveElement element, const QStyleOption *opti
         QProxyStyle::drawPrimitive(element, option, painter, widget);
 }
 
+void DarkStyle::drawControl(ControlElement element, const QStyleOption *option, QPainter *painter,
+                            const QWidget *widget) const
+{
+    if (element == CE_PushButtonBevel)
+        drawButton(*option, *painter);
+    else
+        QProxyStyle::drawControl(element, option, painter, widget);
+}
+
+QSize DarkStyle::sizeFromContents(ContentsType type, const QStyleOption *option, const QSize &size,
+                                  const QWidget *widget) const
+{
+    const QSize usual = QProxyStyle::sizeFromContents(type, option, size, widget);
+    return type == CT_PushButton ? usual.expandedTo(size + buttonPadding) : usual;
+}
+
+QIcon DarkStyle::standardIcon(StandardPixmap standard, const QStyleOption *option, const QWidget *widget) const
+{
+    return standard == SP_MessageBoxCritical ? Styling::imageNamed(u"ic_alert"_s)
+                                             : QProxyStyle::standardIcon(standard, option, widget);
+}
+
 int DarkStyle::pixelMetric(PixelMetric metric, const QStyleOption *option, const QWidget *widget) const
 {
     switch (metric) {
     case PM_IndicatorWidth:
-    case PM_IndicatorHeight: return boxSide;
+    case PM_IndicatorHeight: return widget ? boxSide * widget->logicalDpiY() / usualDpi : boxSide;
+    case PM_MessageBoxIconSize: return alertSide;
     case PM_TextCursorWidth: return 0; // the fields draw their own caret
     default: return QProxyStyle::pixelMetric(metric, option, widget);
     }

@@ -1,6 +1,7 @@
 #include "main_view_controller.h"
 
 #include "account_client.h"
+#include "alert_sheet.h"
 #include "app_delegate.h"
 #include "connection_state.h"
 #include "openvpn_service.h"
@@ -17,7 +18,7 @@
 #include <QKeyEvent>
 #include <QLabel>
 #include <QMainWindow>
-#include <QMessageBox>
+#include <QScreen>
 #include <QUrl>
 
 using namespace Qt::StringLiterals;
@@ -96,8 +97,18 @@ void MainViewController::viewDidLoad()
         button->setAutoDefault(true); // Return presses it, as it does in an alert
     rememberText->installEventFilter(this);
     rememberCheck->installEventFilter(this);
+    hideHeadingOnSmallScreen();
     connect(&OpenVPNService::shared(), &OpenVPNService::OpenVPNStateDidChange, this,
             &MainViewController::openVPNStateDidChange);
+}
+
+void MainViewController::hideHeadingOnSmallScreen() const
+{
+    // The window cannot be made smaller or scrolled, and every control has to be in reach.
+    constexpr int titleBar = 40;
+    auto *const heading = findChild<QWidget *>(u"heading"_s);
+    if (heading && sizeHint().height() + titleBar > screen()->availableGeometry().height())
+        heading->hide();
 }
 
 void MainViewController::viewDidAppear() const
@@ -281,10 +292,7 @@ void MainViewController::showNextAlert()
     QWidget *const owner = appDelegate ? appDelegate->window.get() : nullptr;
     if (owner && (owner->isHidden() || owner->isMinimized()))
         appDelegate->applicationShouldHandleReopen(false);
-    const QString message = waitingAlerts_.takeFirst();
-    auto *const alert = new QMessageBox(QMessageBox::Critical, u"Corvale"_s, message, QMessageBox::Ok, owner);
-    alert->setTextFormat(Qt::PlainText);
-    alert->setAttribute(Qt::WA_DeleteOnClose);
+    auto *const alert = new AlertSheet(waitingAlerts_.takeFirst(), owner);
     // Not the alert's end itself but what it leaves: the next sheet must not be opened while this one still closes.
     connect(alert, &QObject::destroyed, this, &MainViewController::showNextAlert);
     alert_ = alert;

@@ -7,10 +7,10 @@
 #include <QStringList>
 #include <QWidget>
 
+class AlertSheet;
 class AppDelegate;
 class QCheckBox;
 class QLabel;
-class QMessageBox;
 class TextField;
 class TitleButton;
 
@@ -68,6 +68,7 @@ protected:
 private:
     bool connectOutlets();
     void viewDidLoad();
+    void hideHeadingOnSmallScreen() const;
     void viewDidAppear() const;
     void showLocked(const QString &title, const QString &imageName, QColor titleColor) const;
     void showLook(const QString &title, const QString &imageName, QColor titleColor, bool enabled,
@@ -81,6 +82,6 @@ private:
     static void openWebPage(const QString &address);
 
     bool requestUnderWay_ = false; ///< from a click until its sequence has ended or the tunnel is started
-    QPointer<QMessageBox> alert_;
+    QPointer<AlertSheet> alert_;
     QStringList waitingAlerts_;
 };

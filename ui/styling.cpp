@@ -5,6 +5,8 @@
 #include "title_button.h"
 
 #include <QApplication>
+#include <QDir>
+#include <QFileInfo>
 #include <QFontDatabase>
 #include <QLineEdit>
 #include <QPalette>
@@ -13,9 +15,8 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-constexpr QRgb raised = 0xFF323742;    // buttons and menus, a little above the background
 constexpr QRgb highlight = 0xFF1C8455; // the green of the connected button, dark enough for white text
-constexpr QRgb faint = 0xFF868990;     // what cannot be used now
+constexpr QRgb faint = 0xFF92959B;     // what cannot be used now
 
 /// Alerts and whatever else Qt makes itself have buttons too, so they are caught where all of them pass.
 class PointingHand final : public QObject {
@@ -40,7 +41,7 @@ private:
 
 QPalette darkPalette()
 {
-    QPalette palette(QColor::fromRgb(raised), QColor::fromRgb(Styling::background));
+    QPalette palette(QColor::fromRgb(Styling::raised), QColor::fromRgb(Styling::background));
     palette.setColor(QPalette::Base, QColor::fromRgb(Styling::background));
     palette.setColor(QPalette::Highlight, QColor::fromRgb(highlight));
     palette.setColor(QPalette::HighlightedText, QColor::fromRgb(Styling::white));
@@ -65,7 +66,13 @@ QIcon Styling::imageNamed(const QString &name)
 {
     // The icon finds name@2x.png and name@3x.png beside it by itself.
     const QString path = Bundle::pathForResource(name + u".png"_s);
-    return path.isEmpty() ? QIcon() : QIcon(path);
+    if (path.isEmpty())
+        return {};
+    QIcon icon(path);
+    const QDir folder = QFileInfo(path).dir();
+    for (const QString &size : folder.entryList({name + u"-*.png"_s}))
+        icon.addFile(folder.filePath(size));
+    return icon;
 }
 
 void Styling::setColoredTitle(TitleButton &button, const QString &title, QColor color)

@@ -15,9 +15,12 @@ namespace Styling {
 inline constexpr QRgb background = 0xFF282C35;
 inline constexpr QRgb grey = 0xFF9D9EA2;
 inline constexpr QRgb white = 0xFFFFFFFF;
+inline constexpr QRgb raised = 0xFF323742; ///< menus, alerts: a little above the background
 
 inline constexpr int titlePoints = 14;
 inline constexpr int smallPoints = 13;
+
+inline constexpr qreal pressedOpacity = 0.75; ///< of a button that is held down
 
 /// The system's font at a size in points.
 QFont systemFont(int points);

@@ -5,8 +5,16 @@
 #include <QStyleHints>
 #include <QTimerEvent>
 
+namespace {
+
+constexpr int ownMargin = 2; // what every line edit keeps free at both ends
+constexpr int aboveText = 5; // and below it, so that large letters stay off the line too
+
+} // namespace
+
 TextField::TextField(QWidget *parent) : QLineEdit(parent)
 {
+    setTextMargins(-ownMargin, aboveText, -ownMargin, aboveText); // the text begins where the line under it does
     connect(this, &QLineEdit::cursorPositionChanged, this, &TextField::showCaret);
     connect(this, &QLineEdit::textChanged, this, &TextField::showCaret);
 }

@@ -1,13 +1,15 @@
 #include "title_button.h"
 
+#include "styling.h"
+
 #include <QAccessible>
+#include <QFocusEvent>
 #include <QPainter>
 
 namespace {
 
 constexpr QSize linkPadding(0, 10);   // enough to hit and to draw the focus under
-constexpr QSize imagePadding(64, 26); // room for the round ends
-constexpr qreal pressedOpacity = 0.75;
+constexpr QSize imagePadding(64, 20); // room for the round ends
 
 } // namespace
 
@@ -27,28 +29,61 @@ void TitleButton::setTitle(const QString &title, QColor color, Qt::Alignment hor
 
 QSize TitleButton::sizeHint() const
 {
-    return fontMetrics().size(Qt::TextHideMnemonic | Qt::TextSingleLine, text()) +
-           (icon().isNull() ? linkPadding : imagePadding);
+    const QSize title = fontMetrics().size(Qt::TextHideMnemonic | Qt::TextSingleLine, text());
+    if (icon().isNull())
+        return title + linkPadding;
+    // At its own height the image is as sharp as it was drawn; large titles stretch it.
+    return (title + imagePadding).expandedTo(QSize(0, imageSize().height()));
 }
 
 void TitleButton::paintEvent(QPaintEvent *)
 {
     QPainter painter(this);
+    painter.setRenderHint(QPainter::Antialiasing);
     if (isDown())
-        painter.setOpacity(pressedOpacity);
+        painter.setOpacity(Styling::pressedOpacity);
     if (!icon().isNull())
         drawBackground(painter);
     painter.setPen(palette().color(QPalette::ButtonText));
     QRect title;
     painter.drawText(rect(), static_cast<int>(horizontal_ | Qt::AlignVCenter), text(), &title);
-    if (hasFocus())
-        painter.drawLine(title.bottomLeft() + QPoint(0, 2), title.bottomRight() + QPoint(0, 2));
+    drawAttention(painter, title);
+}
+
+void TitleButton::focusInEvent(QFocusEvent *event)
+{
+    // Whoever clicked knows where they are. A window that comes back shows what it showed.
+    if (event->reason() != Qt::ActiveWindowFocusReason && event->reason() != Qt::PopupFocusReason)
+        focusShows_ = event->reason() != Qt::MouseFocusReason;
+    QPushButton::focusInEvent(event);
+}
+
+void TitleButton::drawAttention(QPainter &painter, const QRect &title) const
+{
+    const bool focused = hasFocus() && focusShows_;
+    if (!focused && !underMouse())
+        return;
+    const qreal width = focused ? 2 : 1;
+    const QColor color = focused ? QColor(Qt::white) : palette().color(QPalette::ButtonText);
+    if (icon().isNull()) {
+        painter.fillRect(QRectF(title.left(), title.bottom() + 2, title.width(), width), color);
+        return;
+    }
+    painter.setPen(QPen(color, width));
+    const QRectF edge = QRectF(rect()).adjusted(width / 2, width / 2, -width / 2, -width / 2);
+    painter.drawRoundedRect(edge, edge.height() / 2, edge.height() / 2);
+}
+
+QSize TitleButton::imageSize() const
+{
+    return icon().availableSizes().value(0, QSize(0, 0));
 }
 
 void TitleButton::drawBackground(QPainter &painter) const
 {
     // Only the middle of the image is stretched, so that its ends stay round at every width.
-    const QPixmap pixmap = icon().pixmap(icon().availableSizes().value(0, size()), devicePixelRatio());
+    const QSize wanted = imageSize().scaled(QWIDGETSIZE_MAX, height(), Qt::KeepAspectRatio);
+    const QPixmap pixmap = icon().pixmap(wanted, devicePixelRatio());
     const int end = pixmap.height() / 2;
     const int half = height() / 2;
     const QRect middle(end, 0, pixmap.width() - 2 * end, pixmap.height());

@@ -9,6 +9,7 @@
 #include <QDesktopServices>
 #include <QLabel>
 #include <QPushButton>
+#include <QScreen>
 #include <QTest>
 
 using namespace Qt::StringLiterals;
@@ -88,7 +89,9 @@ TEST_F(FormTest, TheColoursOnTheScreenAreThePalette)
 {
     form().emailEdit->setFocus();
     const QImage whole = picture(form());
-    const auto pixel = [&](const QWidget &at) { return whole.pixel(at.mapTo(&form(), at.rect().center())); };
+    const auto pixel = [&](const QWidget &at) {
+        return whole.pixel(at.mapTo(&form(), at.rect().center()) * whole.devicePixelRatio());
+    };
     EXPECT_EQ(whole.pixel(2, 2), 0xFF282C35);
     EXPECT_EQ(pixel(*form().emailLine), 0xFF9D9EA2);
     EXPECT_EQ(pixel(*form().passwordLine), 0xFF9D9EA2);
@@ -170,22 +173,28 @@ TEST_F(FormTest, AnEmptyFieldIsRefusedInTheOrderOfTheForm)
 TEST_F(FormTest, AlertsAreSheetsThatWaitForEachOther)
 {
     delegate_->window->close();
-    form().showAlert(u"first & <b>only</b>"_s);
+    form().showAlert(u"Email o Contraseña & <b>inválidos</b>"_s);
     form().showAlert(u"second"_s);
     ASSERT_TRUE(waitFor([] { return alert() != nullptr; }));
     EXPECT_EQ(delegate_->window->findChildren<QMessageBox *>().size(), 1);
     EXPECT_TRUE(delegate_->window->isVisible());
 
     QMessageBox &box = *alert();
-    EXPECT_EQ(box.text(), u"first & <b>only</b>"_s);
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(&box));
+    EXPECT_EQ(box.text(), u"Email o Contraseña & <b>inválidos</b>"_s);
     EXPECT_EQ(box.textFormat(), Qt::PlainText);
     EXPECT_EQ(box.icon(), QMessageBox::Critical);
     EXPECT_EQ(box.windowModality(), Qt::WindowModal);
     EXPECT_EQ(box.parentWidget(), delegate_->window.get());
+    EXPECT_TRUE(delegate_->window->geometry().contains(box.geometry()));
+    EXPECT_LE((delegate_->window->geometry().center() - box.geometry().center()).manhattanLength(), 2);
+    for (const QLabel *const label : box.findChildren<QLabel *>())
+        EXPECT_GE(label->height(), label->heightForWidth(label->width())) << "text that is cut";
     ASSERT_EQ(box.buttons().size(), 1);
     EXPECT_EQ(box.standardButton(box.buttons().constFirst()), QMessageBox::Ok);
 
-    closeAlert();
+    QTest::keyClick(&box, Qt::Key_Return);
+    ASSERT_TRUE(waitFor([] { return alertText() == u"second"_s; }));
     EXPECT_EQ(nextAlert(), u"second"_s);
     EXPECT_EQ(alert(), nullptr);
 }
@@ -203,6 +212,50 @@ TEST_F(FormTest, ThePointerIsAHandOverEveryButton)
     EXPECT_EQ(seen, 5);
     EXPECT_NE(form().emailEdit->cursor().shape(), Qt::PointingHandCursor);
     closeAlert();
+}
+
+TEST_F(FormTest, NothingIsCutOrCoveredAndTheWindowKeepsItsSizeInEveryLook)
+{
+    const QSize size = delegate_->window->size();
+    EXPECT_LE(size.height(), 440 * form().logicalDpiY() / 96) << "fits a screen of 768 lines at 150 %";
+    EXPECT_LE(size.height(), form().screen()->availableGeometry().height());
+    for (void (MainViewController::*const show)() const :
+         {&MainViewController::showStopped, &MainViewController::showConnecting, &MainViewController::showConnected}) {
+        (form().*show)();
+        QApplication::sendPostedEvents();
+        EXPECT_EQ(delegate_->window->size(), size) << form().connectButton->text().toStdString();
+        QRegion taken;
+        for (const char *const name :
+             {"emblem", "wordmark", "emailEdit", "emailLine", "passwordEdit", "passwordLine", "rememberCheck",
+              "rememberText", "connectButton", "signupButton", "helpButton"}) {
+            const auto *const child = form().findChild<QWidget *>(QLatin1String(name));
+            ASSERT_TRUE(child) << name;
+            if (child->parentWidget()->isHidden()) // the heading, on a small screen
+                continue;
+            const QRect place(child->mapTo(&form(), QPoint()), child->size());
+            EXPECT_TRUE(form().rect().contains(place)) << name;
+            EXPECT_FALSE(taken.intersects(place)) << name;
+            EXPECT_GE(child->width(), child->minimumSizeHint().width()) << name;
+            EXPECT_GE(child->height(), child->minimumSizeHint().height()) << name;
+            taken += place;
+        }
+        EXPECT_GT(form().connectButton->width(),
+                  form().connectButton->fontMetrics().horizontalAdvance(form().connectButton->text()) + 40);
+    }
+}
+
+TEST_F(FormTest, TheFocusShowsOnWhateverTheKeyboardReachesAndNotAfterAClick)
+{
+    for (QWidget *const control : std::initializer_list<QWidget *>{form().rememberCheck, form().connectButton,
+                                                                   form().signupButton, form().helpButton}) {
+        const QImage without = picture(*control);
+        control->setFocus(Qt::TabFocusReason);
+        EXPECT_NE(picture(*control), without) << control->objectName().toStdString();
+        EXPECT_TRUE(holds(picture(*control), 0xFFFFFFFF)) << control->objectName().toStdString();
+    }
+    const QImage without = picture(*form().connectButton);
+    form().connectButton->setFocus(Qt::MouseFocusReason);
+    EXPECT_EQ(picture(*form().connectButton), without);
 }
 
 TEST_F(FormTest, TheLabelOfTheCheckBoxTogglesItWhileItIsEnabled)
