@@ -167,6 +167,8 @@ TEST_F(FormTest, AnEmptyFieldIsRefusedInTheOrderOfTheForm)
             fromMenu ? delegate_->connectItem->trigger() : QTest::keyClick(form().passwordEdit, Qt::Key_Return);
             EXPECT_EQ(nextAlert(), message);
             EXPECT_EQ(look(), stopped);
+            const QWidget *const empty = email.isEmpty() ? form().emailEdit : form().passwordEdit;
+            EXPECT_EQ(delegate_->window->focusWidget(), empty);
         }
 }
 
@@ -262,6 +264,9 @@ TEST_F(FormTest, TheLabelOfTheCheckBoxTogglesItWhileItIsEnabled)
 {
     click(*form().rememberText);
     EXPECT_TRUE(form().rememberCheck->isChecked());
+    for (const auto key : {Qt::Key_Return, Qt::Key_Space})
+        QTest::keyClick(form().rememberCheck, key);
+    EXPECT_TRUE(form().rememberCheck->isChecked());
     form().showConnecting();
     click(*form().rememberText);
     EXPECT_TRUE(form().rememberCheck->isChecked());
@@ -286,7 +291,7 @@ TEST_F(FormTest, TheLinksOpenTheWebsitesPagesInEveryLook)
     const Browser browser;
     click(*form().signupButton);
     form().showConnected();
-    click(*form().helpButton);
+    QTest::keyClick(form().helpButton, Qt::Key_Return);
     EXPECT_EQ(browser.opened,
               (QStringList{u"https://www.corvale.example/precios/"_s, u"https://www.corvale.example/soporte/"_s}));
 }

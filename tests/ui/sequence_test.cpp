@@ -164,6 +164,9 @@ TEST_F(SequenceTest, EveryAnswerThatEndsTheSequenceSaysWhyAndFreesTheForm)
         EXPECT_EQ(nextAlert(), row.alert);
         EXPECT_EQ(form().connectButton->text(), u"Conectar"_s);
         EXPECT_TRUE(form().emailEdit->isEnabled());
+        EXPECT_EQ(form().passwordEdit->selectedText().isEmpty(), row.alert != rejected);
+        form().emailEdit->setFocus();
+        form().passwordEdit->deselect();
         EXPECT_EQ(remembered(), row.remembered);
     }
     EXPECT_FALSE(OpenVPNService::shared().config) << "a tunnel was started";

@@ -13,15 +13,55 @@
 #include <QProcess>
 #include <QSignalSpy>
 #include <QTest>
+#include <QWindow>
 
 #include <csignal>
 #include <thread>
+#include <xcb/xcb.h>
 
 using namespace Qt::StringLiterals;
 
 namespace {
 
 class ShellTest : public UiTest {};
+
+/// A status bar on the X screen, which announces itself and takes every item.
+class Bar {
+public:
+    Bar()
+    {
+        bar_.create();
+        own(static_cast<xcb_window_t>(bar_.winId()));
+        xcb_client_message_event_t coming{};
+        coming.response_type = XCB_CLIENT_MESSAGE;
+        coming.format = 32;
+        coming.window = xcb_setup_roots_iterator(xcb_get_setup(screen_)).data->root;
+        coming.type = atom("MANAGER");
+        coming.data.data32[1] = atom("_NET_SYSTEM_TRAY_S0");
+        xcb_send_event(screen_, 0, coming.window, XCB_EVENT_MASK_STRUCTURE_NOTIFY, reinterpret_cast<char *>(&coming));
+        xcb_flush(screen_);
+    }
+    ~Bar() { own(XCB_WINDOW_NONE); }
+    Bar(const Bar &) = delete;
+    Bar &operator=(const Bar &) = delete;
+
+private:
+    xcb_atom_t atom(const QByteArray &name)
+    {
+        const auto cookie = xcb_intern_atom(screen_, 0, static_cast<uint16_t>(name.size()), name.constData());
+        const std::unique_ptr<xcb_intern_atom_reply_t, decltype(&free)> reply(
+            xcb_intern_atom_reply(screen_, cookie, nullptr), &free);
+        return reply->atom;
+    }
+    void own(xcb_window_t owner)
+    {
+        xcb_set_selection_owner(screen_, owner, atom("_NET_SYSTEM_TRAY_S0"), XCB_CURRENT_TIME);
+        xcb_flush(screen_);
+    }
+
+    xcb_connection_t *screen_ = qGuiApp->nativeInterface<QNativeInterface::QX11Application>()->connection();
+    QWindow bar_;
+};
 
 /// The real program, on the test's screen and session bus.
 class Client {
@@ -64,10 +104,12 @@ TEST_F(ShellTest, TheRememberedCredentialsFillTheForm)
     launch();
     EXPECT_EQ(form().emailEdit->text(), u"ana@b.example"_s);
     EXPECT_EQ(form().passwordEdit->text(), u"s3cret ñ"_s);
+    EXPECT_EQ(QApplication::focusWidget(), form().connectButton);
 }
 
 TEST_F(ShellTest, AReopenBringsBackTheSameWindowAndTheStatusItemStays)
 {
+    const Bar bar;
     launch();
     const QWidget *const window = delegate_->window.get();
     EXPECT_TRUE(delegate_->applicationShouldHandleReopen(true));
@@ -81,9 +123,12 @@ TEST_F(ShellTest, AReopenBringsBackTheSameWindowAndTheStatusItemStays)
     EXPECT_TRUE(form().isVisible());
 }
 
-TEST_F(ShellTest, TheStatusItemShowsItsImageAndOpensTheMenu)
+TEST_F(ShellTest, AStatusBarThatComesLaterGetsTheItemWithItsImageAndMenu)
 {
     launch();
+    EXPECT_EQ(delegate_->statusItem, nullptr); // Qt would make one that no later bar shows
+    const Bar bar;
+    ASSERT_TRUE(waitFor([this] { return delegate_->statusItem != nullptr; }));
     EXPECT_EQ(delegate_->statusItem->icon().isMask(), false);
     EXPECT_FALSE(delegate_->statusItem->icon().pixmap(22).isNull());
     ASSERT_EQ(delegate_->statusItem->contextMenu(), delegate_->statusMemu);
@@ -95,6 +140,7 @@ TEST_F(ShellTest, TheStatusItemShowsItsImageAndOpensTheMenu)
 
 TEST_F(ShellTest, WhateverIsWrongWithTheInterfaceFileTheLaunchGoesOn)
 {
+    const Bar bar;
     struct Row {
         const char *is;
         const char *becomes; ///< null: there is no file
@@ -138,10 +184,13 @@ TEST_F(ShellTest, ASecondStartAsksTheFirstToComeBackAndEnds)
     SingleInstance first;
     ASSERT_TRUE(first.claim());
     QSignalSpy activated(&first, &SingleInstance::activated);
+    qputenv("XDG_ACTIVATION_TOKEN", "t0ken");
     const Client second;
+    qunsetenv("XDG_ACTIVATION_TOKEN");
     ASSERT_TRUE(waitFor([&] { return second.ended(); }));
     EXPECT_TRUE(second.endedCleanly());
-    EXPECT_EQ(activated.count(), 1);
+    ASSERT_EQ(activated.count(), 1);
+    EXPECT_EQ(activated.at(0).at(0), u"t0ken"_s);
     QDBusConnection::sessionBus().unregisterService(u"com.corvale.macos"_s);
 }
 
