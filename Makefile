@@ -40,7 +40,7 @@ screenshots:
 	cp build/demo/docs/*.png docs/
 
 # The running system hears of it at once; any other place is only filled.
-to_the_system = $(if $(DESTDIR)$(filter-out /usr,$(PREFIX)),,$(1))
+to_the_system = $(if $(patsubst %/,%,$(DESTDIR))$(filter-out /usr,$(patsubst %/,%,$(PREFIX))),,$(1))
 
 install: build
 	umask 022; DESTDIR="$(DESTDIR)" cmake --install build $(if $(PREFIX),--prefix "$(PREFIX)")

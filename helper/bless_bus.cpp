@@ -4,6 +4,7 @@
 #include "helper_protocol.h"
 #include "pidfd.h"
 
+#include <QDBusError>
 #include <QDBusMessage>
 #include <QFile>
 #include <QThread>
@@ -40,9 +41,9 @@ QByteArray programOf(uint pid)
     return program;
 }
 
-bool endsWithin(const Descriptor &process, int limit)
+bool endsWithin(int process, int limit)
 {
-    pollfd watched{process.get(), POLLIN, 0};
+    pollfd watched{process, POLLIN, 0};
     return ::poll(&watched, 1, limit) > 0;
 }
 
@@ -67,10 +68,19 @@ QByteArray BlessBus::command(const QString &service, const QString &path, const 
     return member.toUtf8() + " of " + service.toUtf8() + ": " + answer.errorMessage().toUtf8();
 }
 
+/// Nothing when there is a connection, or when nobody listens where the bus should be.
+QByteArray BlessBus::obstacle() const
+{
+    const QString error = bus_.lastError().name();
+    const bool isAbsent = error == u"org.freedesktop.DBus.Error.FileNotFound" || // no such socket
+                          error == u"org.freedesktop.DBus.Error.NoServer";       // one that was left
+    return bus_.isConnected() || isAbsent ? QByteArray() : "The system bus cannot be reached.";
+}
+
 QByteArray BlessBus::reload(bool systemdRuns)
 {
     if (!bus_.isConnected())
-        return {};
+        return obstacle();
     QByteArray error = command(daemonName, daemonPath, daemonName, u"ReloadConfig"_s);
     if (!error.isEmpty() || !systemdRuns)
         return error;
@@ -90,7 +100,7 @@ QVariant BlessBus::ask(const QString &member, const QString &argument)
 QByteArray BlessBus::stopHelper(const QByteArray &program)
 {
     if (!bus_.isConnected())
-        return {};
+        return obstacle();
     const QString owner = ask(u"GetNameOwner"_s, helperName).toString();
     if (owner.isEmpty())
         return {};
@@ -98,21 +108,36 @@ QByteArray BlessBus::stopHelper(const QByteArray &program)
     const QVariant user = ask(u"GetConnectionUnixUser"_s, owner);
     if (!pid.isValid() || !user.isValid())
         return {}; // it has just left
-    if (user.toUInt() != 0 || programOf(pid.toUInt()) != program)
+    // The program is that of the handle's process if that lives on afterwards: the number was nobody else's meanwhile.
+    const Descriptor process(::pidfd_open(static_cast<pid_t>(pid.toUInt()), 0));
+    const QByteArray running = programOf(pid.toUInt());
+    const bool lives = process && !endsWithin(process.get(), 0);
+    // One that has just been killed has no program any more.
+    if (lives && !running.isEmpty() && (user.toUInt() != 0 || running != program))
         return "The helper's name on the bus belongs to another program.";
-    return stop(pid.toUInt(), owner) ? QByteArray() : "The running helper does not end.";
+    return stop(lives ? process.get() : -1, owner) ? QByteArray() : "The running helper does not end.";
 }
 
-bool BlessBus::stop(uint pid, const QString &owner)
+QByteArray BlessBus::startHelper()
 {
-    const Descriptor process(::pidfd_open(static_cast<pid_t>(pid), 0));
-    // The handle is that process's if the number was still its own afterwards.
-    if (process && ask(u"GetConnectionUnixProcessID"_s, owner).toUInt() == pid) {
-        ::pidfd_send_signal(process.get(), SIGTERM, nullptr, 0);
-        ::pidfd_send_signal(process.get(), SIGCONT, nullptr, 0); // one that somebody stopped would not hear it
+    if (!bus_.isConnected())
+        return obstacle();
+    auto message = QDBusMessage::createMethodCall(helperName, QLatin1String(HelperNames::path), helperName,
+                                                  QLatin1String(HelperNames::getVersion));
+    const QDBusMessage answer = bus_.call(message, QDBus::Block, patience);
+    return answer.type() == QDBusMessage::ReplyMessage
+               ? QByteArray()
+               : "The helper does not start, to restore what one that died has left: " + answer.errorMessage().toUtf8();
+}
+
+bool BlessBus::stop(int process, const QString &owner)
+{
+    if (process >= 0) {
+        ::pidfd_send_signal(process, SIGTERM, nullptr, 0);
+        ::pidfd_send_signal(process, SIGCONT, nullptr, 0); // one that somebody stopped would not hear it
         if (!endsWithin(process, tunnelsEnd)) {
             // OpenVPN dies with it, and the next helper cleans up.
-            ::pidfd_send_signal(process.get(), SIGKILL, nullptr, 0);
+            ::pidfd_send_signal(process, SIGKILL, nullptr, 0);
             endsWithin(process, killedProcess);
         }
     }

@@ -13,7 +13,7 @@ int main(int argc, char *argv[])
     const int status = blessMain(argc, argv,
                                  {"/usr/libexec/corvale", "/usr/share/dbus-1/system.d",
                                   "/usr/share/dbus-1/system-services", "/usr/lib/systemd/system", "/run/systemd/system",
-                                  "unix:path=/run/dbus/system_bus_socket", "/run/corvale-bless.lock"});
+                                  "unix:path=/run/dbus/system_bus_socket", "/run/corvale", "/run/corvale-bless.lock"});
     // Qt's bus thread may still be closing the connection: no static object may go under its feet.
     std::_Exit(status);
 }

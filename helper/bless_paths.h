@@ -11,6 +11,7 @@ struct BlessPaths {
     QByteArray units;      ///< … and of systemd
     QByteArray systemd;    ///< a folder that is there while systemd runs the machine
     QByteArray busAddress; ///< the system bus
+    QByteArray runFolder;  ///< the helper's
     QByteArray lock;       ///< a file in a folder of root's: one tool works at a time
 
     [[nodiscard]] QByteArray helper() const { return programs + "/com.corvale.macos.helper"; }

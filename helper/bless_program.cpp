@@ -7,6 +7,8 @@
 #include "descriptor.h"
 
 #include <QCoreApplication>
+#include <QDir>
+#include <QFile>
 
 #include <csignal>
 #include <cstdio>
@@ -14,7 +16,9 @@
 #include <fcntl.h>
 #include <optional>
 #include <sys/file.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <vector>
 
 namespace {
@@ -22,6 +26,7 @@ namespace {
 constexpr int done = 0;
 constexpr int failed = 1;
 constexpr int wrongUse = 2;
+constexpr unsigned longest = 120; // s; more than all the patience with bus and helper together
 constexpr mode_t program = 0755;
 constexpr mode_t data = 0644;
 
@@ -71,6 +76,30 @@ std::optional<uid_t> callerInEnvironment()
     return isNumber ? std::optional<uid_t>(uid) : std::nullopt;
 }
 
+/// Whatever hangs, a file system, a bus, whoever reads the complaints, the others wait for the lock. To be killed at
+/// any point is safe.
+void limitTime()
+{
+    const itimerval never{};
+    ::setitimer(ITIMER_VIRTUAL, &never, nullptr);
+    ::setitimer(ITIMER_PROF, &never, nullptr);
+    (void)::signal(SIGALRM, SIG_DFL);
+    ::alarm(longest);
+}
+
+/// The caller's limits would have the libraries fail in places where nobody expects it. What cannot be lifted stays.
+void liftLimits()
+{
+    for (const auto which : {RLIMIT_AS, RLIMIT_DATA, RLIMIT_FSIZE, RLIMIT_CPU, RLIMIT_STACK}) {
+        const rlimit none{RLIM_INFINITY, RLIM_INFINITY};
+        ::setrlimit(which, &none);
+    }
+    const rlimit files{1024, 1024};
+    ::setrlimit(RLIMIT_NOFILE, &files);
+    const rlimit noCore{0, 0};
+    ::setrlimit(RLIMIT_CORE, &noCore);
+}
+
 /// Leaves nothing of what the caller gave this process but its arguments and standard error.
 bool startAfresh()
 {
@@ -82,9 +111,11 @@ bool startAfresh()
     sigset_t none;
     ::sigemptyset(&none);
     ::sigprocmask(SIG_SETMASK, &none, nullptr);
-    for (const int number : {SIGPIPE, SIGXFSZ, SIGHUP, SIGINT, SIGTSTP})
+    for (const int number : {SIGPIPE, SIGXFSZ, SIGHUP, SIGINT, SIGQUIT, SIGTSTP, SIGTTIN, SIGTTOU})
         (void)::signal(number, SIG_IGN);
     ::umask(S_IWGRP | S_IWOTH);
+    limitTime();
+    liftLimits();
     return descriptor > STDERR_FILENO && ::close_range(STDERR_FILENO + 1, ~0U, 0) == 0 && ::clearenv() == 0 &&
            ::setenv("LC_ALL", "C.UTF-8", 1) == 0 && ::chdir("/") == 0;
 }
@@ -138,15 +169,28 @@ int stop(const BlessPaths &paths)
     return report({BlessBus(paths.busAddress).stopHelper(paths.helper())});
 }
 
+/// What a helper left that was killed, only the next one takes back, so there has to be one more.
+QByteArray cleanUp(const BlessPaths &paths, BlessBus &bus)
+{
+    QByteArray error = bus.stopHelper(paths.helper());
+    if (error.isEmpty() && !QDir(QFile::decodeName(paths.runFolder)).isEmpty())
+        error = bus.startHelper();
+    return error;
+}
+
 int remove(const BlessPaths &paths)
 {
     const Descriptor lock = takeLock(paths);
     if (!lock)
         return report({paths.lock + ": cannot be locked."});
     BlessBus bus(paths.busAddress);
-    // Nothing starts it any more, then it ends with the help of its script, and only then the rest may go.
-    std::vector<QByteArray> errors{BlessFiles::remove(activation(paths).path), bus.reload(false),
-                                   bus.stopHelper(paths.helper()), BlessFiles::remove(paths.helper())};
+    // Nothing starts it any more, then it ends with the help of its script, and only then the rest may go: without them
+    // name servers and routes of a tunnel could not be restored.
+    std::vector<QByteArray> errors{cleanUp(paths, bus), BlessFiles::remove(activation(paths).path), bus.reload(false),
+                                   bus.stopHelper(paths.helper())};
+    if (const int status = report(errors); status != done)
+        return status;
+    errors = {BlessFiles::remove(paths.helper())};
     for (const Placed &file : companions(paths))
         errors.push_back(BlessFiles::remove(file.path));
     errors.push_back(bus.reload(systemdRuns(paths)));
@@ -161,7 +205,9 @@ int blessMain(int argc, char *argv[], const BlessPaths &paths)
     const QByteArray argument = argc == 2 ? argv[1] : "";
     if (!startAfresh())
         return report({"The tool cannot rid itself of what it was started with."});
-    if (!caller || (!argument.startsWith('/') && argument != "--remove" && argument != "--stop")) {
+    // Whom pkexec lets in has agreed to an installation, and to nothing else.
+    const bool isRoots = argument == "--remove" || argument == "--stop";
+    if (!caller || (isRoots ? *caller != 0 : !argument.startsWith('/'))) {
         (void)std::fputs("usage: bless /PATH/OF/THE/HELPER | --remove | --stop\n", stderr);
         return wrongUse;
     }

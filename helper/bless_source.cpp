@@ -11,7 +11,9 @@
 #include <cstring>
 #include <fcntl.h>
 #include <link.h>
+#include <linux/magic.h>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 
 /// This very program's own header, as it lies in memory.
 extern const ElfW(Ehdr) ownHeader asm("__ehdr_start");
@@ -36,6 +38,13 @@ bool isTheirs(const struct stat &status, uid_t caller)
     return status.st_uid == 0 || status.st_uid == caller;
 }
 
+/// A file system that a user's program makes can call anybody the owner of anything.
+bool saysWhatItsOwnerLikes(const Descriptor &file)
+{
+    struct statfs system {};
+    return ::fstatfs(file.get(), &system) != 0 || system.f_type == FUSE_SUPER_MAGIC;
+}
+
 /// Whether the entries of the folder are such as root or the caller put there. In a sticky one each is its owner's to
 /// move; the owner of the entry itself is looked at when its turn comes.
 bool isSafeFolder(const struct stat &status, uid_t caller)
@@ -51,6 +60,8 @@ std::variant<Descriptor, Refusal> walk(const QByteArray &path, uid_t caller)
         return Refusal{"The helper's path is not an absolute one."};
     Descriptor at(::open("/", O_PATH | O_DIRECTORY | O_CLOEXEC));
     for (const QByteArray &entry : path.mid(1).split('/')) {
+        if (saysWhatItsOwnerLikes(at))
+            return Refusal{"The helper lies in a file system that a user makes."};
         if (entry.isEmpty() || entry == "." || entry == "..")
             return Refusal{"The helper's path takes turns."};
         if (!isSafeFolder(statusOf(at), caller))
@@ -60,6 +71,8 @@ std::variant<Descriptor, Refusal> walk(const QByteArray &path, uid_t caller)
         if (!at)
             return Refusal{QByteArray("The helper cannot be opened: ") + std::strerror(errno) + '.'};
     }
+    if (saysWhatItsOwnerLikes(at))
+        return Refusal{"The helper lies in a file system that a user makes."};
     return at;
 }
 
@@ -71,7 +84,7 @@ QByteArray flawOfFile(const struct stat &status, uid_t caller)
         return "The helper is somebody else's file.";
     if ((status.st_mode & othersWrite) != 0)
         return "Others can write to the helper.";
-    if (status.st_nlink != 1)
+    if (status.st_nlink != 1 && status.st_uid != 0) // some systems link equal files of root's to each other
         return "The helper's file has further names.";
     return {};
 }

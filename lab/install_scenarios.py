@@ -8,7 +8,7 @@ import subprocess
 import time
 
 import machine
-from helper_calls import HELPER, call, helper_pid, start_helper
+from helper_calls import HELPER, call, helper_pid, run_folder, start_helper
 from session import HERE, LOGS, wait_for
 from stage import Stage
 from traces import processes
@@ -196,7 +196,6 @@ def install():
     expect(installed_version() == OWN + " ", "it was not replaced")
     check_use(stage)
 
-
     print("  the client is asked to quit while the helper is being installed:")
     bundle_becomes("3.0.0")
     with open("/run/corvale-bless.lock", "w", encoding="ascii") as lock:
@@ -210,6 +209,16 @@ def install():
     wait_for("the tool's end", lambda: not processes()["bless"])
     print(f"    the tool went on without it: {installed_version()!r}")
     expect(installed_version() == "3.0.0", "the tool did not go on")
+
+    print("  the helper is removed after it and OpenVPN were killed:")
+    stage.start_client()
+    stage.settled("Helper: Installed Version => 3.0.0")
+    stage.connect()
+    for pid in (helper_pid(), machine.openvpn_pid()):
+        os.kill(pid, signal.SIGKILL)
+    bless("--remove")
+    machine.check_gone()
+    expect(not system_files() and not run_folder(), "something is left")
 
 
 def install_refused():

@@ -27,6 +27,7 @@ programs=$(find "$root/usr" -type f -perm -100 -exec sh -c 'readelf -h "$1" >/de
 dpkg-shlibdeps --warnings=1 $programs
 dpkg-gencontrol -P$root
 
+find "$root" -type d -exec chmod 00755 {} + # such as a group's checkout gives its folders
 find "$root" -exec touch --no-dereference --date="@$SOURCE_DATE_EPOCH" {} +
 name=corvale_$(dpkg-parsechangelog -S Version)_$(dpkg --print-architecture).deb
 # With one thread: how many there are would show in the packed bytes.

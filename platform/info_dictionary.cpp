@@ -17,6 +17,7 @@ namespace {
 
 constexpr char section[] = ".info_plist";
 constexpr size_t largestList = 65536;
+constexpr size_t mostSections = 256;
 
 using ElfFile = std::unique_ptr<Elf, decltype([](Elf *elf) { elf_end(elf); })>;
 using Node = std::unique_ptr<void, decltype([](plist_t node) { plist_free(node); })>;
@@ -25,7 +26,10 @@ using Node = std::unique_ptr<void, decltype([](plist_t node) { plist_free(node);
 QByteArray sectionBytes(Elf *elf)
 {
     size_t names = 0;
-    if (elf_kind(elf) != ELF_K_ELF || elf_getshdrstrndx(elf, &names) != 0)
+    size_t sections = 0;
+    // Many sections with endless names would take minutes.
+    if (elf_kind(elf) != ELF_K_ELF || elf_getshdrstrndx(elf, &names) != 0 || elf_getshdrnum(elf, &sections) != 0 ||
+        sections > mostSections)
         return {};
     for (Elf_Scn *candidate = elf_nextscn(elf, nullptr); candidate; candidate = elf_nextscn(elf, candidate)) {
         // A copy: a file may have it lie where no structure can be looked at in place.
