@@ -21,10 +21,8 @@ signals:
     /// Once: within `await`, or as soon as there is one.
     void appeared();
 
-private slots:
-    void askHost();
-
 private:
+    Q_SLOT void askHost();
     bool isOnScreen();
     void listenToBus();
     void announce();
