@@ -1,5 +1,7 @@
 #include "http_client.h"
 
+#include "resident_code.h"
+
 #include <QCoreApplication>
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
@@ -14,6 +16,8 @@ namespace {
 constexpr int mostRedirects = 20;
 constexpr int reuseLimit = 2; // s
 
+int underWay = 0; // requests; main thread
+
 QNetworkAccessManager &manager()
 {
     static QNetworkAccessManager *one = nullptr;
@@ -24,6 +28,17 @@ QNetworkAccessManager &manager()
         qAddPostRoutine([] { delete std::exchange(one, nullptr); });
     }
     return *one;
+}
+
+/// No request is to come for a while: connections, the thread that serves them and the code of TLS, a tenth of the
+/// process, would only lie in memory.
+void rest()
+{
+    constexpr std::string_view tls[] = {"libcrypto.so", "libssl.so", "libqopensslbackend.so"};
+    if (underWay > 0)
+        return;
+    manager().clearConnectionCache();
+    ResidentCode::letGo(tls);
 }
 
 bool isSafeHeader(const QByteArray &value)
@@ -89,7 +104,11 @@ public:
     Exchange(HttpRequest request, std::function<void(const HttpResult &)> completion)
         : QObject(&manager()), request_(std::move(request)), completion_(std::move(completion))
     {
+        ++underWay;
     }
+    ~Exchange() override { --underWay; }
+    Exchange(const Exchange &) = delete;
+    Exchange &operator=(const Exchange &) = delete;
 
     void start();
 
@@ -173,6 +192,8 @@ void Exchange::onFinished()
 void Exchange::complete(const HttpResult &result)
 {
     deleteLater(); // an event or a signal of the reply is being delivered to this object
+    if (request_.last)
+        QMetaObject::invokeMethod(&manager(), &rest, Qt::QueuedConnection);
     completion_(result);
 }
 

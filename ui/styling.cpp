@@ -5,8 +5,6 @@
 #include "title_button.h"
 
 #include <QApplication>
-#include <QDir>
-#include <QFileInfo>
 #include <QFontDatabase>
 #include <QLineEdit>
 #include <QPalette>
@@ -64,14 +62,22 @@ QFont Styling::systemFont(int points)
 
 QIcon Styling::imageNamed(const QString &name)
 {
-    // The icon finds name@2x.png and name@3x.png beside it by itself.
     const QString path = Bundle::pathForResource(name + u".png"_s);
     if (path.isEmpty())
         return {};
-    QIcon icon(path);
-    const QDir folder = QFileInfo(path).dir();
-    for (const QString &size : folder.entryList({name + u"-*.png"_s}))
-        icon.addFile(folder.filePath(size));
+    QIcon icon;
+    // The format is named, or every format's plugin would be loaded to be asked.
+    const auto add = [&](const QString &file) {
+        if (const QPixmap pixmap(file, "PNG"); !pixmap.isNull())
+            icon.addPixmap(pixmap);
+    };
+    const QString stem = path.chopped(4);
+    add(path);
+    for (const int side : {16, 22, 24, 32, 48, 64})
+        add(stem + u"-%1.png"_s.arg(side));
+    // What is drawn for a denser screen than there is would only lie in memory.
+    for (int density = 2; density < qGuiApp->devicePixelRatio() + 1; ++density)
+        add(stem + u"@%1x.png"_s.arg(density));
     return icon;
 }
 
