@@ -5,7 +5,7 @@ JOBS ?= $(shell nproc)
 FUZZ_SECONDS ?= 60
 export CTEST_OUTPUT_ON_FAILURE = 1
 
-.PHONY: build test demo asan tsan lint fuzz packages install uninstall deb clean
+.PHONY: build test demo asan tsan lint fuzz bench packages install uninstall deb clean
 
 build: packages
 	cmake --preset $(PRESET)
@@ -31,6 +31,12 @@ demo:
 	lab/demo.sh check
 	$(MAKE) --no-print-directory build
 	lab/demo.sh
+
+# Every figure that has a budget, some of them in the lab; fails when one is over it. Also in build/bench.json.
+bench:
+	lab/demo.sh check
+	$(MAKE) --no-print-directory build
+	bench/figures.py
 
 # The running system hears of it at once; any other place is only filled.
 to_the_system = $(if $(DESTDIR)$(filter-out /usr,$(PREFIX)),,$(1))
