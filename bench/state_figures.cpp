@@ -17,7 +17,6 @@
 #include <QTimer>
 
 #include <chrono>
-#include <cstdio>
 #include <cstdlib>
 #include <optional>
 #include <random>
@@ -128,7 +127,7 @@ int main(int argc, char *argv[])
     Styling::apply(application);
     const bool done = measure(QString::fromLocal8Bit(argv[1]));
     if (!done)
-        std::fputs("The button did not show the states.\n", stderr);
+        qCritical("The button did not show the states.");
     // The reader may be at work still, with objects that a destructor would take away.
     std::_Exit(BackgroundQueue::finish(1s) && done ? EXIT_SUCCESS : EXIT_FAILURE);
 }

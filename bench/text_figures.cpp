@@ -26,13 +26,13 @@ constexpr char talk[] =
     ">LOG:1700000000,I,TCP/UDP: Preserving recently used remote address: [AF_INET]203.0.113.20:1194\r\n"
     ">STATE:1700000000,ASSIGN_IP,,10.8.0.2,,,,\r\n"
     ">BYTECOUNT:183920,2231\r\n";
-constexpr int talkLines = 5;
+constexpr qint64 talkLines = 5;
+constexpr qint64 textLines = talkLines * 2000;
 
 /// Hands lines over as the reader does. The announcements of states wait for the main thread, as everywhere.
 void dispatch(qint64 lines)
 {
-    static const QByteArray text = QByteArray(talk).repeated(2000);
-    static constexpr qint64 textLines = talkLines * 2000;
+    static const QByteArray text = QByteArray(talk).repeated(textLines / talkLines);
     QByteArray buffer;
     for (qint64 left = lines; left > 0; left -= textLines) {
         const QByteArrayView part = QByteArrayView(text).first(std::min(left, textLines) * text.size() / textLines);
@@ -56,7 +56,7 @@ double residentKiB()
 
 void lines(benchmark::State &state)
 {
-    for (auto _ : state)
+    for ([[maybe_unused]] const auto pass : state)
         dispatch(state.range(0));
     state.SetItemsProcessed(state.iterations() * state.range(0));
     state.SetComplexityN(state.range(0));
@@ -66,7 +66,7 @@ void lines(benchmark::State &state)
 void memoryOverLines(benchmark::State &state)
 {
     constexpr qint64 million = 1'000'000;
-    for (auto _ : state) {
+    for ([[maybe_unused]] const auto pass : state) {
         dispatch(million);
         const double before = residentKiB();
         double most = before;
@@ -86,7 +86,7 @@ void configuration(benchmark::State &state)
     if (!file.open(QIODevice::ReadOnly))
         return state.SkipWithError("the profile cannot be read");
     const QByteArray bytes = file.readAll();
-    for (auto _ : state) {
+    for ([[maybe_unused]] const auto pass : state) {
         const auto read = readConfiguration(bytes);
         if (std::holds_alternative<Refusal>(read))
             return state.SkipWithError("the profile was refused");
@@ -101,7 +101,7 @@ void answer(benchmark::State &state)
     result.status = 200;
     result.body = R"({"config": ")" +
                   QByteArray("remote vpn.corvale.example 1194 udp\\n").repeated(28 * state.range(0)) + R"("})";
-    for (auto _ : state) {
+    for ([[maybe_unused]] const auto pass : state) {
         const AccountAnswer sorted = sortAnswer(result);
         if (sorted.kind() != AccountAnswer::Kind::success)
             return state.SkipWithError("the answer was not understood");
