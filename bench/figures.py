@@ -60,8 +60,8 @@ def rows(lines, states, window, click):
         ("the same, the longest", "ms", 110, states[-1]),
         ("lines through framing and dispatch", "million a second", -1.0, min(rates) / 1e6),
         ("time for a line, 1,000,000 of them beside 10,000", "x", 1.2, rates[0] / rates[-1]),
-        ("memory that nine million lines add to the first million's", "MiB", 1.0,
-         lines["memoryOverLines/iterations:1"]["growth_kib"] / 1024),
+        ("memory that nine million lines add to the first million's", "KiB", 1024,
+         lines["memoryOverLines/iterations:1"]["growth_kib"]),
     ]
 
 

@@ -20,7 +20,7 @@ from stage import ANA, Stage
 
 BARE = PERSONAL / "bare_window"
 BACKGROUND = b"\x35\x2c\x28"  # blue, green, red
-TIMES = 11  # starts of each program
+TIMES = 21  # starts of each program
 CLICKS = 5
 REST = 30  # s
 
