@@ -1,6 +1,7 @@
 """What is shown inside the private machine, one function each. A scenario either returns or raises Failure.
 
-usage: scenario.py connect|wrong-password|server-late|server-restart|server-reset|rejected|reuse|plain|start
+usage: scenario.py connect|wrong-password|server-late|server-restart|server-reset|rejected|reuse|plain
+       scenario.py window-figures|click-figures                                what it costs
        scenario.py takeover|cycles|kills|refusals|confined|profiles|race       what the helper promises
        scenario.py install|install-refused|package                             how the product gets into the system
        scenario.py keyboard|reader|tray|reopen|no-bus|quit                    what the window's shell promises
@@ -14,6 +15,7 @@ import machine
 import plain
 import timeline
 from configuration_scenarios import profiles, race
+from figure_scenarios import FIGURE_SCENARIOS
 from install_scenarios import INSTALL_SCENARIOS
 from life_scenarios import cycles, kills, takeover
 from package_scenarios import PACKAGE_SCENARIOS
@@ -21,7 +23,6 @@ from picture_scenarios import PICTURE_SCENARIOS
 from refusal_scenarios import confined, refusals
 from session import LOGS, Failure, Session, wait_for
 from shell_scenarios import SHELL_SCENARIOS
-from start_scenario import start_figures
 from stage import ANA, BERTA, Stage
 
 REJECTED = "Email o Contraseña inválidos"
@@ -153,7 +154,6 @@ SCENARIOS = {
     "rejected": rejected,
     "reuse": reuse,
     "plain": plain_only,
-    "start": start_figures,
     "takeover": takeover,
     "cycles": cycles,
     "kills": kills,
@@ -161,7 +161,7 @@ SCENARIOS = {
     "confined": confined,
     "profiles": profiles,
     "race": race,
-} | INSTALL_SCENARIOS | PACKAGE_SCENARIOS | PICTURE_SCENARIOS | SHELL_SCENARIOS
+} | FIGURE_SCENARIOS | INSTALL_SCENARIOS | PACKAGE_SCENARIOS | PICTURE_SCENARIOS | SHELL_SCENARIOS
 
 
 def main():
