@@ -2,6 +2,7 @@
 
 usage: scenario.py connect|wrong-password|server-late|server-restart|server-reset|rejected|reuse|plain
        scenario.py takeover|cycles|kills|refusals|confined|profiles|race       what the helper promises
+       scenario.py faults [PART]|soak [CYCLES]                                 what it endures
        scenario.py install|install-refused|package                             how the product gets into the system
 """
 import os
@@ -12,6 +13,7 @@ import machine
 import plain
 import timeline
 from configuration_scenarios import profiles, race
+from fault_scenarios import faults
 from install_scenarios import INSTALL_SCENARIOS
 from life_scenarios import cycles, kills, takeover
 from package_scenarios import PACKAGE_SCENARIOS
@@ -155,6 +157,7 @@ SCENARIOS = {
     "confined": confined,
     "profiles": profiles,
     "race": race,
+    "faults": faults,
 } | INSTALL_SCENARIOS | PACKAGE_SCENARIOS
 
 
@@ -165,7 +168,7 @@ def main():
     scenario = manual if os.environ.get("MANUAL") else SCENARIOS[name]
     print(f"{name}:", flush=True)
     try:
-        scenario()
+        scenario(*sys.argv[2:])
     except Failure as failure:
         print(f"FAILED: {name}: {failure}", flush=True)
         for log in ("system", "account_errors", "server"):
