@@ -157,6 +157,10 @@ def log(name):
     return (LOGS / name).read_text(encoding="utf-8")
 
 
+def invalidations():
+    return log("system").count("XPC Connection Invalidated")
+
+
 def truth():
     if not machine.openvpn_pid():
         return "nothing"
@@ -221,12 +225,14 @@ def unreported(stage, cell, seen):
 
 def go_through(stage, cell, before):
     """What the table shows of it."""
-    seen, lost = len(stage.states()), log("system").count("XPC Connection Invalidated")
+    seen, noticed = len(stage.states()), invalidations()
     PHASES[cell.phase](stage)
     heal = victims(stage)[cell.victim].hit(cell.how.split()[0])
-    if cell.phase == "signing in":
-        go_on()
+    lost = cell.victim == "system bus" and cell.how != "stopped"
     try:
+        if lost and cell.phase == "signing in":
+            wait_for("the client to notice the lost bus", lambda: invalidations() > noticed)
+        HOLD.unlink(missing_ok=True)
         meanwhile = while_it_lasts(stage, cell)
         told_the_person(stage, cell)
         heal()
@@ -239,10 +245,11 @@ def go_through(stage, cell, before):
             raise
         cell, meanwhile, later = cell._replace(during=CONNECTING, after=STOPPED), SLACK, 0
         wait_for("OpenVPN's end", lambda: truth() == "nothing")
-    if cell.victim == "system bus" and cell.how != "stopped":
-        expect(log("system").count("XPC Connection Invalidated") > lost, "the client has not noticed the lost bus")
+    if lost:
+        wait_for("the client to notice the lost bus", lambda: invalidations() > noticed)
     clicks = recover(stage, cell)
     stage.disconnect()
+    wait_for("the helper's word that OpenVPN has ended", lambda: stage.states()[-1] == "NOPROCESS")
     check_as_before(stage, before)
     return f'"{cell.during}" {meanwhile:4.1f}', f'"{cell.after}" {later:4.1f}', clicks
 

@@ -2,7 +2,7 @@
 
 usage: scenario.py connect|wrong-password|server-late|server-restart|server-reset|rejected|reuse|plain
        scenario.py takeover|cycles|kills|refusals|confined|profiles|race       what the helper promises
-       scenario.py faults [PART]|soak [CYCLES]                                 what it endures
+       scenario.py faults [PART]|obstacles|soak [CYCLES]                        what it endures
        scenario.py install|install-refused|package                             how the product gets into the system
 """
 import os
@@ -16,9 +16,11 @@ from configuration_scenarios import profiles, race
 from fault_scenarios import faults
 from install_scenarios import INSTALL_SCENARIOS
 from life_scenarios import cycles, kills, takeover
+from obstacle_scenarios import obstacles
 from package_scenarios import PACKAGE_SCENARIOS
 from refusal_scenarios import confined, refusals
 from session import LOGS, Failure, Session, wait_for
+from soak import soak
 from stage import ANA, BERTA, Stage
 
 REJECTED = "Email o Contraseña inválidos"
@@ -158,6 +160,8 @@ SCENARIOS = {
     "profiles": profiles,
     "race": race,
     "faults": faults,
+    "obstacles": obstacles,
+    "soak": soak,
 } | INSTALL_SCENARIOS | PACKAGE_SCENARIOS
 
 
