@@ -7,7 +7,6 @@ import typing
 
 import machine
 from helper_calls import expect, helper_pid
-from session import wait_for
 from stage import Stage
 from traces import processes
 
@@ -61,7 +60,7 @@ def once(stage):
     click = stage.person.do("click")["time"]
     stage.person.sees("Desconectar", click)
     stage.person.sees("Conectar", stage.person.do("click")["time"])
-    wait_for("OpenVPN's end", lambda: not machine.openvpn_pid())
+    stage.hears_of_the_end()
 
 
 def show(cycle, seconds, samples):
