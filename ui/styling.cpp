@@ -6,6 +6,7 @@
 
 #include <QApplication>
 #include <QFontDatabase>
+#include <QHash>
 #include <QLineEdit>
 #include <QPalette>
 
@@ -63,9 +64,14 @@ QFont Styling::systemFont(int points)
 
 QIcon Styling::imageNamed(const QString &name)
 {
+    // Qt keeps what it draws of each icon, ten megabytes of them, and takes the same file read again for another icon.
+    // Leaked on purpose: images must not end after the application.
+    static auto *const icons = new QHash<QString, QIcon>;
+    if (const auto known = icons->constFind(name); known != icons->cend())
+        return *known;
     // The icon finds name@2x.png and name@3x.png beside it by itself.
     const QString path = Bundle::pathForResource(name + u".png"_s);
-    return path.isEmpty() ? QIcon() : QIcon(path);
+    return path.isEmpty() ? QIcon() : *icons->insert(name, QIcon(path));
 }
 
 void Styling::setColoredTitle(TitleButton &button, const QString &title, QColor color)
