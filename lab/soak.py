@@ -12,7 +12,8 @@ from traces import descriptors, processes, threads
 
 STEADY = 50      # cycles until everything has been used that is used again and again
 EVERY = 10
-ROOM = 1024      # KiB that memory may grow between the first and the last fifth of the cycles after that
+# KiB that memory may grow between the first and the last fifth of the cycles after that.
+ROOM = {"client": 1024, "helper": 256}
 
 
 class Sample(typing.NamedTuple):
@@ -40,7 +41,8 @@ def soak(cycles="500"):
     pids = {"client": stage.client.process.pid, "helper": helper_pid()}
     curves = {name: [] for name in pids}
     began = time.monotonic()
-    print("  cycle    s" + "".join(f"   {name + ': RSS':<12} anonymous  PSS KiB  descriptors  threads" for name in pids))
+    columns = "anonymous  PSS KiB  descriptors  threads"
+    print("  cycle    s" + "".join(f"   {name + ': RSS':<12} {columns}" for name in pids))
     for cycle in range(1, count + 1):
         once(stage)
         if cycle % EVERY == 0:
@@ -64,7 +66,8 @@ def once(stage):
 
 
 def show(cycle, seconds, samples):
-    figures = "".join(f"   {s.RSS:<12} {s.anonymous:<9}  {s.PSS:<7}  {s.descriptors:<11}  {s.threads:<7}" for s in samples)
+    figures = "".join(f"   {s.RSS:<12} {s.anonymous:<9}  {s.PSS:<7}  {s.descriptors:<11}  {s.threads:<7}"
+                      for s in samples)
     print(f"  {cycle:>5} {seconds:>4.0f}{figures}", flush=True)
 
 
@@ -73,7 +76,7 @@ def growth(name, curve):
     its median, since descriptors come and go with what is just being done."""
     steady = [each for each in curve if each.cycle >= STEADY]
     fifth = max(len(steady) // 5, 1)
-    for what, room in (("RSS", ROOM), ("anonymous", ROOM), ("descriptors", 0), ("threads", 0)):
+    for what, room in (("RSS", ROOM[name]), ("anonymous", ROOM[name]), ("descriptors", 0), ("threads", 0)):
         first = statistics.median(getattr(each, what) for each in steady[:fifth])
         last = statistics.median(getattr(each, what) for each in steady[-fifth:])
         print(f"  {name}'s {what}: {first:g} at first, {last:g} in the end (may grow by {room})")

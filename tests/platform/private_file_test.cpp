@@ -70,7 +70,7 @@ TEST_F(PrivateFileTest, AContentForWhichThereIsNoRoomLeavesNoHalf)
     ::setrlimit(RLIMIT_FSIZE, &four);
     const int error = PrivateFile::write(path_.c_str(), "remote-cert-tls server");
     ::setrlimit(RLIMIT_FSIZE, &room);
-    std::signal(SIGXFSZ, before);
+    (void)std::signal(SIGXFSZ, before);
     EXPECT_EQ(error, EFBIG);
     EXPECT_EQ(contentOf(path_), "");
 }
