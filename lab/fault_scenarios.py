@@ -116,7 +116,7 @@ SKIPPED = [
     ("account service but for signing in", "it is asked only then; that its absence harms no tunnel is shown once"),
     ("polkit while starting, connecting or disconnecting", "it was asked before OpenVPN was started; shown once"),
     ("polkit connected, stopped or restarted", "as killed: nobody asks it"),
-    ("OpenVPN server killed or restarted while starting", "the same as while signing in: OpenVPN has not called it yet"),
+    ("OpenVPN server killed or restarted while starting", "as while signing in: OpenVPN has not called it yet"),
     ("OpenVPN server restarted while connecting", "it is silent in that phase: each end of its silence is a restart"),
     ("OpenVPN server restarted while disconnecting", "as killed: its last word arrives at nobody"),
 ]
@@ -250,7 +250,8 @@ def go_through(stage, cell, before):
     clicks = recover(stage, cell)
     stage.disconnect()
     check_as_before(stage, before)
-    return f'"{cell.during}" {meanwhile:4.1f}', f'"{cell.after}" {later:4.1f}', clicks
+    during = f'"{cell.during}"' if cell.during else "not seen"
+    return f"{during} {meanwhile:4.1f}", f'"{cell.after}" {later:4.1f}', clicks
 
 
 def start_over(stage):

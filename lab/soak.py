@@ -12,6 +12,9 @@ from traces import descriptors, processes, threads
 
 STEADY = 50      # cycles until everything has been used that is used again and again
 EVERY = 10
+# Qt's connection to the account service takes some kilobytes for each sign-in, and gives them back when it has been
+# idle for two seconds, which it never is here without a rest.
+REST = 3
 # KiB that memory may grow between the first and the last fifth of the cycles after that.
 ROOM = {"client": 1024, "helper": 256}
 
@@ -45,6 +48,8 @@ def soak(cycles="500"):
     print("  cycle    s" + "".join(f"   {name + ': RSS':<12} {columns}" for name in pids))
     for cycle in range(1, count + 1):
         once(stage)
+        if cycle % STEADY == 0:
+            time.sleep(REST)
         if cycle % EVERY == 0:
             expect(helper_pid() == pids["helper"], "it is another helper")
             for name, pid in pids.items():
