@@ -5,6 +5,7 @@
 
 #include <QSignalSpy>
 
+#include <algorithm>
 #include <atomic>
 #include <gmock/gmock.h>
 
