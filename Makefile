@@ -5,7 +5,7 @@ JOBS ?= $(shell nproc)
 FUZZ_SECONDS ?= 60
 export CTEST_OUTPUT_ON_FAILURE = 1
 
-.PHONY: build test demo screenshots bench asan tsan lint fuzz packages install uninstall deb clean
+.PHONY: build test demo screenshots bench faults asan tsan lint fuzz packages install uninstall deb clean
 
 build: packages
 	cmake --preset $(PRESET)
@@ -44,6 +44,10 @@ bench:
 	lab/demo.sh check
 	$(MAKE) --no-print-directory build
 	bench/figures.py
+
+# Each part killed, stopped and restarted in each phase of a connection; a few minutes.
+faults: build
+	lab/demo.sh faults
 
 # The running system hears of it at once; any other place is only filled.
 to_the_system = $(if $(patsubst %/,%,$(DESTDIR))$(filter-out /usr,$(patsubst %/,%,$(PREFIX))),,$(1))

@@ -14,6 +14,7 @@ namespace {
 constexpr char address[] = "127.0.0.1";
 constexpr quint16 port = 1337;
 constexpr int readSize = 2048;
+constexpr qsizetype mostUnfinished = 1 << 20; // OpenVPN's longest line has some ten thousand bytes
 constexpr auto pauseAfterRead = 100ms;
 constexpr auto patience = 1s;
 
@@ -45,9 +46,9 @@ void OpenVPNManagement::readLoop()
         if (chunk.connection != connection)
             buffer.clear();
         connection = chunk.connection;
-        if (!chunk.bytes.isEmpty() && chunk.bytes.isValidUtf8())
-            buffer = processBuffer(buffer + chunk.bytes);
-        if (chunk.bytes.isEmpty())
+        if (!chunk.bytes.isEmpty())
+            buffer = addChunk(buffer, chunk.bytes);
+        else
             foundNothing(number);
     } while (BackgroundQueue::pause(pauseAfterRead));
 }
@@ -74,6 +75,14 @@ void OpenVPNManagement::catchUp()
     std::unique_lock lock(readsGuard_);
     // A read that is under way may have looked too early.
     readNothing_.wait_for(lock, patience, [this, next = reads_ + 1] { return emptyRead_ >= next; });
+}
+
+QByteArray OpenVPNManagement::addChunk(const QByteArray &buffer, const QByteArray &chunk)
+{
+    if (!chunk.isValidUtf8())
+        return buffer;
+    const QByteArray left = processBuffer(buffer + chunk);
+    return left.size() > mostUnfinished ? QByteArray() : left;
 }
 
 QByteArray OpenVPNManagement::processBuffer(const QByteArray &buffer)

@@ -35,6 +35,10 @@ public:
     /// Dispatches every complete line of `buffer`, in order, on the caller's thread, and returns what is left over.
     static QByteArray processBuffer(const QByteArray &buffer);
 
+    /// The buffer after one more read: `chunk`, unless it is no UTF-8, is appended to `buffer` and every complete line
+    /// dispatched. More than a megabyte without a line end is dropped.
+    static QByteArray addChunk(const QByteArray &buffer, const QByteArray &chunk);
+
     /// Acts on one complete line (without CR LF): a state goes to `handleState`, the rest at most to standard output.
     /// Never fails. Called on the reader's thread.
     static void parseLine(QByteArrayView line);

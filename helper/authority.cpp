@@ -44,6 +44,7 @@ bool isAuthorized(const QDBusMessage &answer)
     bool authorized = false;
     result.beginStructure();
     result >> authorized;
+    result.endStructure(); // without it Qt keeps the whole message for ever
     return authorized;
 }
 

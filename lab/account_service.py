@@ -12,6 +12,7 @@ import time
 from urllib.parse import parse_qs, urlsplit
 
 KEYS = "/etc/lab/"
+HOLD = "/run/lab/hold"  # while it is there, no sign-in is answered
 OTHER = "/run/lab/profile.ovpn"  # a scenario's own configuration, handed out instead
 # The second subscriber may sign in, but the OpenVPN server does not know the password.
 PASSWORDS = {"ana@example.com": "secret", "berta@example.com": "expired"}
@@ -48,6 +49,10 @@ class Handler(http.server.BaseHTTPRequestHandler):
             sent = json.loads(body)
         except ValueError:
             sent = None
+        if os.path.exists(HOLD):
+            print(f"{time.time():.6f} asked {self.path} held", file=LOG)
+            while os.path.exists(HOLD):
+                time.sleep(0.02)
         if self.path != "/api/login" or not self.headers.get("Content-Type", "").startswith("application/json"):
             return self.answer(404, {"error": "no such address"})
         if not isinstance(sent, dict) or sorted(sent) != ["email", "password"]:

@@ -2,7 +2,7 @@
 # The demonstration: a private machine with an account service, an OpenVPN server and a screen of its own, in which the
 # installed client is driven like a person would. Everything in it ends with this command.
 #
-# usage: lab/demo.sh [SCENARIO]           one of those in scenario.py; connect, where none is named
+# usage: lab/demo.sh [SCENARIO [ARGUMENT]] one of those in scenario.py; connect, where none is named
 #        lab/demo.sh shell [COMMAND…]    a command (or a shell) inside the machine, its services running
 #        lab/demo.sh check               says whether this system lets the lab be made, and starts nothing
 # MANUAL=1 opens the client on the display that is there and leaves it to the person.

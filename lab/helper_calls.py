@@ -13,6 +13,7 @@ HELPER = "com.corvale.macos.helper"
 SCRIPTS = plain.SCRIPTS
 RUN = pathlib.Path("/run/corvale")
 CANONICAL = RUN / "openvpn.conf"
+HOLD = pathlib.Path("/run/lab/hold")  # while it is there, the account service answers no sign-in
 HANDED_OUT = pathlib.Path("/run/lab/profile.ovpn")  # what the account service gives instead of its own
 expect = Stage.expect
 

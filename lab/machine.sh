@@ -129,5 +129,5 @@ if [ "${1:-}" = shell ]; then
     shift
     if [ $# -gt 0 ]; then "$@"; else bash; fi
 else
-    /usr/bin/python3 -B "$lab/scenario.py" "${1:-connect}"
+    /usr/bin/python3 -B "$lab/scenario.py" "${@:-connect}"
 fi

@@ -3,6 +3,7 @@
 usage: scenario.py connect|wrong-password|server-late|server-restart|server-reset|rejected|reuse|plain
        scenario.py window-figures|click-figures                                what it costs
        scenario.py takeover|cycles|kills|refusals|confined|profiles|race       what the helper promises
+       scenario.py faults [PART]|obstacles|soak [CYCLES]                        what it endures
        scenario.py install|install-refused|package                             how the product gets into the system
        scenario.py keyboard|reader|tray|reopen|no-bus|quit                    what the window's shell promises
        scenario.py pictures                                                    what the handbook's pages show
@@ -15,14 +16,17 @@ import machine
 import plain
 import timeline
 from configuration_scenarios import profiles, race
+from fault_scenarios import faults
 from figure_scenarios import FIGURE_SCENARIOS
 from install_scenarios import INSTALL_SCENARIOS
 from life_scenarios import cycles, kills, takeover
+from obstacle_scenarios import obstacles
 from package_scenarios import PACKAGE_SCENARIOS
 from picture_scenarios import PICTURE_SCENARIOS
 from refusal_scenarios import confined, refusals
 from session import LOGS, Failure, Session, wait_for
 from shell_scenarios import SHELL_SCENARIOS
+from soak import soak
 from stage import ANA, BERTA, Stage
 
 REJECTED = "Email o Contraseña inválidos"
@@ -161,6 +165,9 @@ SCENARIOS = {
     "confined": confined,
     "profiles": profiles,
     "race": race,
+    "faults": faults,
+    "obstacles": obstacles,
+    "soak": soak,
 } | FIGURE_SCENARIOS | INSTALL_SCENARIOS | PACKAGE_SCENARIOS | PICTURE_SCENARIOS | SHELL_SCENARIOS
 
 
@@ -171,7 +178,7 @@ def main():
     scenario = manual if os.environ.get("MANUAL") else SCENARIOS[name]
     print(f"{name}:", flush=True)
     try:
-        scenario()
+        scenario(*sys.argv[2:])
     except Failure as failure:
         print(f"FAILED: {name}: {failure}", flush=True)
         for log in ("system", "account_errors", "server"):

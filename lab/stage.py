@@ -1,7 +1,7 @@
 """The person's session with a client in it, and what is done with it again and again."""
 import machine
 import timeline
-from session import Failure, Person, Session
+from session import Failure, Person, Session, wait_for
 
 ANA = ("ana@example.com", "secret")
 BERTA = ("berta@example.com", "expired")  # signs in, but the OpenVPN server refuses the password
@@ -35,6 +35,11 @@ class Stage:
         click = self.person.do("click")["time"]
         print(f'  button "Conectar" after {self.person.sees("Conectar", click) - click:.3f} s')
         machine.check_gone()
+        self.hears_of_the_end()
+
+    def hears_of_the_end(self):
+        """From the helper. After the next click that word would be taken for the new connection's."""
+        wait_for("the client to hear of the end", lambda: self.states()[-1] == "NOPROCESS")
 
     def states(self):
         return [what.removeprefix("state ") for _, _, what in timeline.state_events()]

@@ -51,6 +51,8 @@ int PrivateFile::ensure(const char *path)
 int PrivateFile::write(const char *path, QByteArrayView content)
 {
     return withFile(path, [content](int descriptor) {
-        return ::ftruncate(descriptor, 0) == 0 ? writeAll(descriptor, content) : errno;
+        const int error = ::ftruncate(descriptor, 0) == 0 ? writeAll(descriptor, content) : errno;
+        // Half a content may pass for a whole one: of a configuration, what says whom to trust could be missing.
+        return error != 0 && ::ftruncate(descriptor, 0) != 0 ? errno : error;
     });
 }

@@ -9,7 +9,7 @@ namespace PrivateFile {
 /// symbolic link, what is no regular file, another owner's file and one with further hard links.
 int ensure(const char *path);
 
-/// `ensure`, then replaces the content, in place. After a failure the content is whatever was written so far.
+/// `ensure`, then replaces the content, in place. Content that cannot be written whole leaves the file empty.
 int write(const char *path, QByteArrayView content);
 
 } // namespace PrivateFile

@@ -6,6 +6,7 @@
 
 #include <QApplication>
 #include <QFontDatabase>
+#include <QHash>
 #include <QLineEdit>
 #include <QPalette>
 
@@ -51,20 +52,9 @@ QPalette darkPalette()
     return palette;
 }
 
-} // namespace
-
-QFont Styling::systemFont(int points)
+/// The image at `path` with its drawings for other sizes and densities, which lie beside it.
+QIcon readImage(const QString &path)
 {
-    QFont font = QFontDatabase::systemFont(QFontDatabase::GeneralFont);
-    font.setPointSize(points);
-    return font;
-}
-
-QIcon Styling::imageNamed(const QString &name)
-{
-    const QString path = Bundle::pathForResource(name + u".png"_s);
-    if (path.isEmpty())
-        return {};
     QIcon icon;
     // The format is named, or every format's plugin would be loaded to be asked.
     const auto add = [&](const QString &file) {
@@ -79,6 +69,26 @@ QIcon Styling::imageNamed(const QString &name)
     for (int density = 2; density < qGuiApp->devicePixelRatio() + 1; ++density)
         add(stem + u"@%1x.png"_s.arg(density));
     return icon;
+}
+
+} // namespace
+
+QFont Styling::systemFont(int points)
+{
+    QFont font = QFontDatabase::systemFont(QFontDatabase::GeneralFont);
+    font.setPointSize(points);
+    return font;
+}
+
+QIcon Styling::imageNamed(const QString &name)
+{
+    // Qt keeps what it draws of each icon, ten megabytes of them, and takes the same file read again for another icon.
+    // Leaked on purpose: images must not end after the application.
+    static auto *const icons = new QHash<QString, QIcon>;
+    if (const auto known = icons->constFind(name); known != icons->cend())
+        return *known;
+    const QString path = Bundle::pathForResource(name + u".png"_s);
+    return path.isEmpty() ? QIcon() : *icons->insert(name, readImage(path));
 }
 
 void Styling::setColoredTitle(TitleButton &button, const QString &title, QColor color)

@@ -5,6 +5,7 @@
 
 #include <QSignalSpy>
 
+#include <algorithm>
 #include <atomic>
 #include <gmock/gmock.h>
 
@@ -188,7 +189,7 @@ TEST(OpenVPNService, ReadsLaterConnectionsWithTheOneReaderAndAnEmptyBuffer)
     Output output;
     // Two readers would cut these lines to pieces between them.
     QByteArray many;
-    for (int i = 0; i < 2000; ++i)
+    for (int i = 0; i < 10'000; ++i)
         many += ">LOG:" + QByteArray::number(i) + "\r\n";
     peer.send("\r\n" + many + ">STATE:3,SECOND,x\r\n");
     ASSERT_TRUE(stateBecomes("SECOND"));
@@ -218,6 +219,22 @@ TEST(OpenVPNService, DropsAnUnreadableChunkAndJoinsWhatStandsAroundIt)
     peer.send(head + invalid + other + "after\r\n>STATE:1,DONE,\r\n");
     ASSERT_TRUE(stateBecomes("DONE"));
     EXPECT_EQ(output.take(), head.sliced(5) + "after\n");
+}
+
+TEST(OpenVPNService, KeepsAMegabyteWithoutALineEndAndNoMore)
+{
+    const QByteArray chunk(2048, 'x');
+    QByteArray buffer;
+    qsizetype most = 0;
+    for (int i = 0; i < 512; ++i)
+        buffer = OpenVPNManagement::addChunk(buffer, chunk);
+    EXPECT_EQ(buffer.size(), 1 << 20);
+    for (int i = 0; i < 2000; ++i, most = std::max(most, buffer.size()))
+        buffer = OpenVPNManagement::addChunk(buffer, chunk);
+    EXPECT_LE(most, 1 << 20);
+    const Output output;
+    EXPECT_EQ(OpenVPNManagement::addChunk(buffer, "\r\n>STATE:1,AFTER,\r\n>ST"), ">ST");
+    EXPECT_EQ(OpenVPNService::shared().state(), u"AFTER"_s);
 }
 
 TEST(OpenVPNService, EchoesACommandThatCannotBeSentWithTheReason)

@@ -113,6 +113,21 @@ TEST_F(HelperTest, aUserHasSixteenMessagesUnderWayAndAnotherUserItsOwn)
     EXPECT_TRUE(waitFor([&] { return outcome(run()) == "NotAuthorized"; }));
 }
 
+TEST_F(HelperTest, messagesLeaveNoMemoryBehind)
+{
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "what was freed is kept for a while";
+#endif
+    const auto memoryAfter = [](int messages) {
+        for (int i = 0; i < messages; ++i)
+            EXPECT_EQ(outcome(send(u"killOpenVPN"_s)), "");
+        const QByteArray status = contents(u"/proc/%1/status"_s.arg(helperPid()));
+        return status.sliced(status.indexOf("RssAnon:") + 8).trimmed().split(' ').first().toInt(); // KiB
+    };
+    const int steady = memoryAfter(200);
+    EXPECT_LT(memoryAfter(1000), steady + 500) << "an answer of polkit's alone has more than half of a KiB";
+}
+
 TEST_F(HelperTest, hugeMessagesAreRefusedAndDoNotMakeTheHelperDeaf)
 {
     authority.answer = ScriptedAuthority::Answer::Hold;

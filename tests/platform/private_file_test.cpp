@@ -3,9 +3,11 @@
 #include <QFile>
 #include <QTemporaryDir>
 
+#include <csignal>
 #include <fcntl.h>
 #include <filesystem>
 #include <gmock/gmock.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -57,6 +59,20 @@ TEST_F(PrivateFileTest, AFileIsMadeOrReplacedInPlaceForItsOwnerAlone)
     ::close(reader);
     EXPECT_EQ(contentOf(path_), "Contraseña\n");
     EXPECT_EQ(modeOf(path_), 0600u);
+}
+
+TEST_F(PrivateFileTest, AContentForWhichThereIsNoRoomLeavesNoHalf)
+{
+    rlimit room{};
+    ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &room), 0);
+    const rlimit four{4, room.rlim_max};
+    const auto before = std::signal(SIGXFSZ, SIG_IGN);
+    ::setrlimit(RLIMIT_FSIZE, &four);
+    const int error = PrivateFile::write(path_.c_str(), "remote-cert-tls server");
+    ::setrlimit(RLIMIT_FSIZE, &room);
+    (void)std::signal(SIGXFSZ, before);
+    EXPECT_EQ(error, EFBIG);
+    EXPECT_EQ(contentOf(path_), "");
 }
 
 TEST_F(PrivateFileTest, WhatIsNotTheUsersOwnPlainFileIsLeftAsItIs)

@@ -1,0 +1,90 @@
+"""Whom a fault may hit: how each is found, killed, stopped, and put back."""
+import os
+import pathlib
+import signal
+import subprocess
+
+import machine
+from helper_calls import HELPER, call, start_helper
+from session import HERE, LOGS, wait_for
+
+BUS = ("org.freedesktop.DBus", "/")
+POLKIT = "org.freedesktop.PolicyKit1"
+SERVER_PID = pathlib.Path("/run/lab/server.pid")
+
+
+def running(*words):
+    """The first process whose command line has all these words, each at an argument's end, or None."""
+    found = []
+    for path in pathlib.Path("/proc").glob("[0-9]*"):
+        try:
+            arguments = (path / "cmdline").read_bytes().decode(errors="replace").split("\0")
+        except OSError:
+            continue
+        if all(any(argument.endswith(word) for argument in arguments) for word in words):
+            found.append(int(path.name))
+    return min(found, default=None)
+
+
+def start_in_background(*command, log):
+    """The first process of the machine waits for its end, as for that of the one before it."""
+    subprocess.run(["setsid", "-f", *command], stdout=log, stderr=log, check=True)
+
+
+def bus_call(member, *arguments):
+    return call("root", f"{BUS[0]}.{member}", *arguments, to=BUS[0], path=BUS[1])
+
+
+def start_account():
+    with open(LOGS / "account_errors", "a", encoding="utf-8") as log:
+        start_in_background("ip", "netns", "exec", "internet", "/usr/bin/python3", str(HERE / "account_service.py"),
+                            str(LOGS / "account"), log=log)
+    wait_for("the account service", lambda: not subprocess.run(["bash", "-c", ": </dev/tcp/203.0.113.10/443"],
+                                                               stderr=subprocess.DEVNULL, check=False).returncode)
+
+
+def start_polkit():
+    wait_for("polkit", lambda: "uint32" in bus_call("StartServiceByName", f"string:{POLKIT}", "uint32:0"))
+
+
+def start_bus():
+    with open(LOGS / "bus", "a", encoding="utf-8") as log:
+        start_in_background("dbus-daemon", "--system", "--nofork", "--nopidfile", log=log)
+    wait_for("the system bus", lambda: "array" in bus_call("ListNames"))
+    start_polkit()
+
+
+def server_pid():
+    """A killed one leaves its file."""
+    pid = SERVER_PID.read_text(encoding="ascii").strip() if SERVER_PID.exists() else ""
+    return int(pid) if pid and os.path.exists(f"/proc/{pid}") else None
+
+
+class Victim:
+    def __init__(self, find, start):
+        self.find, self.start = find, start
+
+    def hit(self, how):
+        """Kills it, stops it, or ends it in good order and starts it again."""
+        pid = self.find()
+        os.kill(pid, {"killed": signal.SIGKILL, "stopped": signal.SIGSTOP, "restarted": signal.SIGTERM}[how])
+        if how == "stopped":
+            return lambda: os.kill(pid, signal.SIGCONT)
+        wait_for("the victim's end", lambda: self.find() != pid)
+        if how == "killed":
+            return self.start
+        self.start()
+        return lambda: None
+
+
+def victims(stage):
+    return {
+        "client": Victim(lambda: None if stage.client.process.poll() is not None else stage.client.process.pid,
+                         stage.start_client),
+        "helper": Victim(lambda: running("/" + HELPER), start_helper),
+        "OpenVPN": Victim(machine.openvpn_pid, lambda: None),
+        "account service": Victim(lambda: running("python3", "account_service.py"), start_account),
+        "system bus": Victim(lambda: running("dbus-daemon", "--system", "--nopidfile"), start_bus),
+        "polkit": Victim(lambda: running("/polkitd"), start_polkit),
+        "OpenVPN server": Victim(server_pid, lambda: machine.server("start")),
+    }
