@@ -45,9 +45,12 @@ bench:
 	$(MAKE) --no-print-directory build
 	bench/figures.py
 
-# Each part killed, stopped and restarted in each phase of a connection; a few minutes.
-faults: build
+# Each part killed, stopped and restarted in each phase of a connection, and what may stand in the way; five minutes.
+faults:
+	lab/demo.sh check
+	$(MAKE) --no-print-directory build
 	lab/demo.sh faults
+	lab/demo.sh obstacles
 
 # The running system hears of it at once; any other place is only filled.
 to_the_system = $(if $(patsubst %/,%,$(DESTDIR))$(filter-out /usr,$(patsubst %/,%,$(PREFIX))),,$(1))

@@ -83,10 +83,32 @@ def locked_defaults():
 
 
 @contextlib.contextmanager
-def stranger():
+def roots_program():
     """Takes every connection, and says nothing."""
     with socket.create_server(("127.0.0.1", 1337)):
         yield
+
+
+LISTENER = """
+import socket
+with socket.create_server(("127.0.0.1", 1337)) as listener:
+    print("listening", flush=True)
+    while True:
+        print("received", listener.accept()[0].recv(1000), flush=True)
+"""
+
+
+@contextlib.contextmanager
+def stranger():
+    """Another user's program, which tells of each connection and what came over it."""
+    program = subprocess.Popen(["setpriv", "--reuid=berta", "--regid=berta", "--clear-groups", "/usr/bin/python3", "-c",
+                                LISTENER], stdout=subprocess.PIPE, text=True)
+    expect(program.stdout.readline() == "listening\n", "the stranger does not listen")
+    yield
+    program.kill()
+    said = program.communicate()[0].splitlines()
+    print(f"  the stranger {len(said)} times: {', '.join(sorted(set(said)))}")
+    expect(said and set(said) == {"received b''"}, "the stranger was told something, or not asked at all")
 
 
 @contextlib.contextmanager
@@ -108,9 +130,11 @@ TABLE = {
     "/tmp/corvale.ovpn is somebody else's": (somebody_elses, nothing_more, STOPPED, "XPCService error"),
     "the user defaults cannot be written": (locked_defaults, nothing_more, CONNECTED, "User defaults error"),
     "OpenVPN is missing": (missing_openvpn, nothing_more, STOPPED, "XPCService error"),
-    # Who has that port could be OpenVPN: the form waits for its first word, and the next click starts anew.
-    "a stranger has port 1337": (stranger, nothing_more, CONNECTING, "XPCService error"),
-    "a stranger takes port 1337 between two attempts": (missing_openvpn, stranger, CONNECTING, "XPCService error"),
+    # A program of root's could be OpenVPN: the form waits for its first word, and the next click starts anew.
+    "a program of root's has port 1337": (roots_program, nothing_more, CONNECTING, "XPCService error"),
+    "it takes port 1337 between two attempts": (missing_openvpn, roots_program, CONNECTING, "XPCService error"),
+    "a stranger has port 1337": (stranger, nothing_more, STOPPED, "XPCService error"),
+    "a stranger takes port 1337 between two attempts": (missing_openvpn, stranger, STOPPED, "XPCService error"),
 }
 
 
