@@ -7,8 +7,8 @@
 namespace ResidentCode {
 
 /// Gives back the memory that the code of these libraries occupies, named by the beginnings of their file names. It
-/// stays in the file, from where the kernel fetches it when it is run again (madvise(2), MADV_DONTNEED), which costs
-/// less than a millisecond. For libraries that will not run for long. Any thread.
+/// stays in the file, from where the kernel fetches it when it is run again (madvise(2), MADV_DONTNEED). For libraries
+/// that are not needed for a while. Any thread.
 void letGo(std::span<const std::string_view> libraries);
 
 } // namespace ResidentCode
