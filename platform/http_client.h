@@ -15,7 +15,7 @@ struct HttpRequest {
     QByteArray contentType = {};                 ///< of the body; for `post`
     QByteArray body = {};                        ///< for `post`
     QByteArray authorization = {};               ///< header of that name, unless empty; never sent to another origin
-    bool last = false;                           ///< its connection is not kept for a later request
+    bool last = false;                           ///< none follows soon: connections and memory are given back after it
     std::chrono::milliseconds idleLimit{60'000}; ///< how long nothing may arrive before the request has failed
 };
 
