@@ -21,6 +21,8 @@ if(CORVALE_SANITIZE)
     -fsanitize=${CORVALE_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all
     -Wno-null-dereference -Wno-maybe-uninitialized -Wno-tsan)
   target_link_options(corvale_flags INTERFACE -fsanitize=${CORVALE_SANITIZE})
+  target_sources(corvale_flags INTERFACE
+    $<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,EXECUTABLE>:${CMAKE_CURRENT_LIST_DIR}/sanitizers.cpp>)
 else()
   target_compile_options(corvale_flags INTERFACE
     $<$<CONFIG:RelWithDebInfo,Release>:-D_FORTIFY_SOURCE=2> -fstack-protector-strong)

@@ -36,7 +36,7 @@ class Install(Stage):
         for program in (self.client, self.prompts):
             if program and program.process.poll() is None:
                 program.end()
-        self.client = self.session.program("sh", "-c", "read go && exec corvale", stderr=subprocess.DEVNULL)
+        self.client = self.session.program("sh", "-c", "read go && exec corvale", stderr=self.session.errors())
         self.prompts = None
         if self.agent:
             self.prompts = self.session.program("/usr/bin/python3", "-B", "/run/lab/person/agent.py",

@@ -122,7 +122,7 @@ people
 networks
 trust
 servers
-cmake --install "$repo/build" --prefix /usr >"$log/install"
+cmake --install "$repo/${BUILD:-build}" --prefix /usr >"$log/install"
 bus_and_rights
 
 if [ "${1:-}" = shell ]; then

@@ -14,6 +14,7 @@ import time
 
 import machine
 import plain
+import sanitizers
 import timeline
 from configuration_scenarios import profiles, race
 from fault_scenarios import faults
@@ -179,6 +180,7 @@ def main():
     print(f"{name}:", flush=True)
     try:
         scenario(*sys.argv[2:])
+        sanitizers.check()
     except Failure as failure:
         print(f"FAILED: {name}: {failure}", flush=True)
         for log in ("system", "account_errors", "server"):

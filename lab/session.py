@@ -11,6 +11,7 @@ import time
 
 HERE = pathlib.Path(__file__).parent
 PERSONAL = pathlib.Path("/run/lab/person")  # what the person runs and reads herself
+BUILD = HERE.parent / os.environ.get("BUILD", "build")
 PICTURES = HERE.parent / "build" / "demo"
 LOGS = pathlib.Path("/var/log/lab")
 
@@ -117,8 +118,13 @@ class Session:
         return ["setpriv", "--reuid=ana", "--regid=ana", "--init-groups", *arguments]
 
     def client(self, **environment):
-        """The installed client. Its system-log lines also come out of /dev/log, so standard error is not kept."""
-        return self.program("corvale", stderr=subprocess.DEVNULL, env=self.environment | environment)
+        """The installed client."""
+        return self.program("corvale", stderr=self.errors(), env=self.environment | environment)
+
+    @staticmethod
+    def errors():
+        """Where a client's standard error goes: its lines of the system log, and what a sanitizer has to say."""
+        return open(LOGS / "client", "a", encoding="utf-8")
 
     def keys(self, *names):
         """Strikes keys, one after the other."""

@@ -1,0 +1,28 @@
+// What every program of a sanitized build asks of its sanitizer: the tests, the client, and the helper, which the bus
+// starts without an environment. Standard <sanitizer/…_interface.h> names these functions; the environment's
+// ASAN_OPTIONS, UBSAN_OPTIONS and TSAN_OPTIONS come on top.
+
+extern "C" {
+
+const char *__asan_default_options()
+{
+    return "detect_stack_use_after_return=1:check_initialization_order=1";
+}
+
+const char *__ubsan_default_options()
+{
+    return "print_stacktrace=1:halt_on_error=1";
+}
+
+const char *__tsan_default_options()
+{
+    // Qt, GLib and the C++ library are built without it: what they do is seen by its effects on our code alone.
+    return "halt_on_error=1:second_deadlock_stack=1:ignore_noninstrumented_modules=1";
+}
+
+const char *__tsan_default_suppressions()
+{
+    // Qt's own bus thread looks at the receiver of a signal under locks that the sanitizer cannot see.
+    return "race:BusSession::metaObject\n";
+}
+}
