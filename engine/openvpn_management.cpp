@@ -32,7 +32,10 @@ void OpenVPNManagement::startReading()
 void OpenVPNManagement::sendCommand(const QByteArray &command)
 {
     const auto error = socket.send(command);
-    StandardOutput::writeLine(error ? command + ' ' + error->text().toUtf8() : command);
+    // Everything else is the person's own to read; the system's log is also read by others.
+    const bool secret = command.startsWith("password ") && StandardOutput::isSystemLog();
+    const QByteArray shown = secret ? QByteArray("password [...]\n") : command;
+    StandardOutput::writeLine(error ? shown + ' ' + error->text().toUtf8() : shown);
 }
 
 void OpenVPNManagement::readLoop()

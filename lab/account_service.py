@@ -13,6 +13,7 @@ from urllib.parse import parse_qs, urlsplit
 
 KEYS = "/etc/lab/"
 HOLD = "/run/lab/hold"  # while it is there, no sign-in is answered
+REFUSED = "/run/lab/no_profile"  # while it is there, nobody is given a configuration
 OTHER = "/run/lab/profile.ovpn"  # a scenario's own configuration, handed out instead
 # The second subscriber may sign in, but the OpenVPN server does not know the password.
 PASSWORDS = {"ana@example.com": "secret", "berta@example.com": "expired"}
@@ -69,6 +70,8 @@ class Handler(http.server.BaseHTTPRequestHandler):
         url = urlsplit(self.path)
         if url.path != "/api/profile" or parse_qs(url.query) != {"country_code": ["CO"]}:
             return self.answer(404, {"error": "no such address"})
+        if os.path.exists(REFUSED):
+            return self.answer(403, {"error": "no subscription"})
         if self.headers.get("Authorization", "").removeprefix("Bearer ") not in TOKENS:
             return self.answer(401, {"error": "sign in first"})
         return self.answer(200, {"config": configuration(), "country": "CO"})

@@ -14,6 +14,7 @@ SCRIPTS = plain.SCRIPTS
 RUN = pathlib.Path("/run/corvale")
 CANONICAL = RUN / "openvpn.conf"
 HOLD = pathlib.Path("/run/lab/hold")  # while it is there, the account service answers no sign-in
+NO_PROFILE = pathlib.Path("/run/lab/no_profile")  # while it is there, the account service refuses to give one
 HANDED_OUT = pathlib.Path("/run/lab/profile.ovpn")  # what the account service gives instead of its own
 expect = Stage.expect
 

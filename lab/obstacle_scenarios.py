@@ -28,7 +28,9 @@ def full_disk():
     hand_out(plain.profile() + "# and so on\n" * 2000)
     PROFILE.unlink(missing_ok=True)
     size = subprocess.run(["findmnt", "-no", "OPTIONS", "/tmp"], capture_output=True, text=True, check=True).stdout
-    subprocess.run(["mount", "-o", "remount,size=1m", "/tmp"], check=True)
+    used = os.statvfs("/tmp")
+    room = (used.f_blocks - used.f_bfree) * used.f_frsize + (1 << 20)
+    subprocess.run(["mount", "-o", f"remount,size={room}", "/tmp"], check=True)
     with contextlib.suppress(OSError), FILLER.open("wb", buffering=0) as file:
         while True:
             file.write(bytes(4096))

@@ -4,6 +4,7 @@ usage: scenario.py connect|wrong-password|server-late|server-restart|server-rese
        scenario.py window-figures|click-figures                                what it costs
        scenario.py takeover|cycles|kills|refusals|confined|profiles|race       what the helper promises
        scenario.py faults [PART]|obstacles|soak [CYCLES]                        what it endures
+       scenario.py steps                                                        what the log tells of it
        scenario.py install|install-refused|package                             how the product gets into the system
        scenario.py keyboard|reader|tray|reopen|no-bus|quit                    what the window's shell promises
        scenario.py pictures                                                    what the handbook's pages show
@@ -21,6 +22,7 @@ from fault_scenarios import faults
 from figure_scenarios import FIGURE_SCENARIOS
 from install_scenarios import INSTALL_SCENARIOS
 from life_scenarios import cycles, kills, takeover
+from log_scenarios import steps
 from obstacle_scenarios import obstacles
 from package_scenarios import PACKAGE_SCENARIOS
 from picture_scenarios import PICTURE_SCENARIOS
@@ -169,6 +171,7 @@ SCENARIOS = {
     "faults": faults,
     "obstacles": obstacles,
     "soak": soak,
+    "steps": steps,
 } | FIGURE_SCENARIOS | INSTALL_SCENARIOS | PACKAGE_SCENARIOS | PICTURE_SCENARIOS | SHELL_SCENARIOS
 
 

@@ -6,7 +6,7 @@ import subprocess
 from session import LOGS, Program
 
 HELPER = "com.corvale.macos.helper"
-STATE = re.compile(r"^([\d.]+) \S*corvale\S*: (?:\w+\(\): )?([A-Z][A-Z_]+)$", re.IGNORECASE)
+STATE = re.compile(r"^([\d.]+) corvale: (?:\w+\(\): )?([A-Z][A-Z_]+)$", re.IGNORECASE)
 
 
 class Bus(Program):

@@ -4,6 +4,9 @@
 
 #include <QByteArray>
 
+#include <cstddef>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 void StandardOutput::writeLine(QByteArrayView text)
@@ -11,4 +14,16 @@ void StandardOutput::writeLine(QByteArrayView text)
     QByteArray line = text.toByteArray();
     line += '\n';
     writeAll(STDOUT_FILENO, line);
+}
+
+bool StandardOutput::isSystemLog()
+{
+    sockaddr_un peer{};
+    socklen_t size = sizeof peer;
+    if (::getpeername(STDOUT_FILENO, reinterpret_cast<sockaddr *>(&peer), &size) != 0 || peer.sun_family != AF_UNIX ||
+        size < offsetof(sockaddr_un, sun_path))
+        return false;
+    const QByteArrayView path(peer.sun_path, size - static_cast<socklen_t>(offsetof(sockaddr_un, sun_path)));
+    // A journal namespace has a folder of its own beside the usual one.
+    return path.startsWith("/run/systemd/journal");
 }

@@ -9,4 +9,8 @@ namespace StandardOutput {
 /// A failure is not reported: a closed pipe (no SIGPIPE), a full disk and a missing descriptor lose the message.
 void writeLine(QByteArrayView text);
 
+/// Whether standard output leads to the system's log, which others may read: systemd gives a desktop's programs the
+/// journal's stream socket (systemd-journald.service(8)). Any thread; does not block.
+bool isSystemLog();
+
 } // namespace StandardOutput

@@ -169,6 +169,8 @@ void MainViewController::onConnectButtonClick()
     const QString password = passwordEdit->text();
     showConnecting();
     requestUnderWay_ = true;
+    // The log tells how far a click came; of a request that failed, the alert says what the person may know.
+    SystemLog::write(u"Signing in"_s);
     AccountClient::signIn(email, password, [self = QPointer(this), email, password](const AccountAnswer &answer) {
         if (self)
             self->onSignInAnswer(answer, email, password);
@@ -185,8 +187,11 @@ void MainViewController::onSignInAnswer(const AccountAnswer &answer, const QStri
         return endSequence(answer);
 
     const auto token = AccountClient::accessToken(answer.document());
-    if (!token)
+    if (!token) {
+        SystemLog::write(u"No access_token in the sign-in answer"_s);
         return endSequence(answer);
+    }
+    SystemLog::write(u"Signed in"_s);
     AccountClient::fetchProfile(*token, [self = QPointer(this)](const AccountAnswer &profileAnswer) {
         if (self)
             self->onProfileAnswer(profileAnswer);
@@ -199,8 +204,11 @@ void MainViewController::onProfileAnswer(const AccountAnswer &answer)
         return endSequence(answer);
     profile = answer.document();
     const auto configuration = AccountClient::configuration(profile);
-    if (!configuration)
+    if (!configuration) {
+        SystemLog::write(u"No config in the profile answer"_s);
         return endSequence(answer);
+    }
+    SystemLog::write(u"Profile received"_s);
     requestUnderWay_ = false;
     AccountClient::writeConfiguration(*configuration);
     AccountClient::startTunnel(emailEdit->text(), passwordEdit->text());

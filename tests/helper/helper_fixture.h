@@ -60,7 +60,7 @@ protected:
         limits(60'000, 10'000);
         QDBusConnection::connectToBus(QDBusConnection::SystemBus, u"test"_s);
         ASSERT_TRUE(authority.offer(client()));
-        openvpn("trap 'exit 7' TERM; " + readAndStay("cat \"$2\" >>" + path(u"reread").toUtf8()));
+        openvpn("trap 'exit 7' TERM; " + readAndStay("cat \"$4\" >>" + path(u"reread").toUtf8()));
         ASSERT_EQ(::mkfifo(qPrintable(path(u"gate")), 0600), 0);
     }
     void TearDown() override
@@ -91,7 +91,7 @@ protected:
     /// on.
     QByteArray readAndStay(const QByteArray &onReload) const
     {
-        return "trap '' HUP; cat \"$2\" >/dev/null; sleep 0.05; trap '" + onReload + "' HUP; echo >" +
+        return "trap '' HUP; cat \"$4\" >/dev/null; sleep 0.05; trap '" + onReload + "' HUP; echo >" +
                path(u"ready").toUtf8() + "; while :; do read -r line <>" + path(u"gate").toUtf8() + "; done";
     }
     bool ready() const

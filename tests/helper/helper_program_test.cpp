@@ -114,8 +114,8 @@ TEST_F(HelperTest, openvpnGetsAFixedCommandAndNothingOfTheHelpersOwnState)
     openvpn("exec >" + path(u"seen").toUtf8() +
             "\ntr '\\0' '\\n' </proc/$$/environ; umask; ls /proc/$$/fd; while read -r key value; do case $key "
             "in Sig[BI]*) echo $key $value;; esac; done </proc/$$/status;"
-            "\n[ $(cut -d' ' -f6 /proc/$$/stat) = $$ ] && echo own session; stat -c '%a %u' \"$2\" " +
-            path(u"run").toUtf8() + "; cat \"$2\"; for word; do echo \"<$word>\"; done");
+            "\n[ $(cut -d' ' -f6 /proc/$$/stat) = $$ ] && echo own session; stat -c '%a %u' \"$4\" " +
+            path(u"run").toUtf8() + "; cat \"$4\"; for word; do echo \"<$word>\"; done");
     ASSERT_EQ(outcome(run()), "0");
     const std::string seen = contents(path(u"seen")).toStdString();
     // Descriptors: the three standard ones, and as number 10 the script, which the shell itself has opened.
@@ -124,6 +124,7 @@ TEST_F(HelperTest, openvpnGetsAFixedCommandAndNothingOfTheHelpersOwnState)
     EXPECT_THAT(seen, testing::ContainsRegex("SigIgn: [0-9a-f]{12}0000\n")); // SIGPIPE, above all
     EXPECT_THAT(seen, HasSubstr("own session\n600 0\n700 0\n"));
     EXPECT_THAT(seen, HasSubstr("remote vpn.corvale.example 1194\n"));
+    EXPECT_THAT(seen, HasSubstr("<--syslog>\n<corvale-openvpn>\n<--config>\n")); // so it also tells of a wrong file
     EXPECT_THAT(seen, HasSubstr("<--script-security>\n<2>\n<--up>\n<" + path(u"client.up").toStdString() + ">\n"));
     EXPECT_THAT(seen, HasSubstr("<--management>\n<127.0.0.1>\n<1337>\n<--management-query-passwords>\n"));
     EXPECT_THAT(seen, testing::EndsWith("<--pull-filter>\n<ignore>\n<>\n"));

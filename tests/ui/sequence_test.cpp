@@ -1,3 +1,4 @@
+#include "captured_log.h"
 #include "https_server.h"
 #include "openvpn_service.h"
 #include "text_field.h"
@@ -71,6 +72,16 @@ protected:
     }
 };
 
+/// What the log tells of the account service, without the helper's lines, which come from another thread.
+std::string steps(const CapturedLog &log)
+{
+    QByteArray found;
+    for (const QByteArray &line : log.text().split('\n'))
+        if (line.startsWith("Sign") || line.startsWith("Profile") || line.startsWith("No "))
+            found += line + '\n';
+    return found.toStdString();
+}
+
 AccountAnswer answer(Kind kind, const char *document = nullptr)
 {
     return {kind, document ? std::make_shared<const json>(json::parse(document)) : nullptr};
@@ -87,6 +98,7 @@ TEST_F(SequenceTest, AClickSignsInFetchesTheProfileAndHandsBothToOpenVPN)
         },
         "good", 443);
     const ManagementPeer openvpn;
+    const CapturedLog log;
     form().rememberCheck->setChecked(true);
 
     click(*form().connectButton);
@@ -100,6 +112,7 @@ TEST_F(SequenceTest, AClickSignsInFetchesTheProfileAndHandsBothToOpenVPN)
     EXPECT_THAT(service.requests()[1].toStdString(), HasSubstr("Bearer t0ken"));
     EXPECT_EQ(*form().profile, json({{"config", "client\n"}}));
     EXPECT_EQ(remembered(), u"ana@b.example s3cret ñ"_s);
+    EXPECT_EQ(steps(log), "Signing in\nSigned in\nProfile received\n");
 
     // From every state that is not a stopped one, a click ends the tunnel, and the look waits for OpenVPN's word.
     int stops = 0;
@@ -139,20 +152,23 @@ TEST_F(SequenceTest, EveryAnswerThatEndsTheSequenceSaysWhyAndFreesTheForm)
         bool check;
         QString alert;
         QString remembered;
+        const char *log = "";
     };
+    const char *const noToken = "No access_token in the sign-in answer\n";
+    const char *const noConfiguration = "No config in the profile answer\n";
     const Row rows[] = {
         {true, answer(Kind::rejected), true, rejected, old},
         {true, answer(Kind::networkFailure), false, network, old},
         {true, answer(Kind::unreadable), true, unknown, u"sent typed"_s},
         {true, answer(Kind::unreadable), false, unknown, u"- -"_s},
-        {true, answer(Kind::success, R"({})"), true, unknown, u"sent typed"_s},
-        {true, answer(Kind::success, R"({"access_token": 7})"), false, unknown, u"- -"_s},
-        {true, answer(Kind::success, R"(["access_token"])"), false, unknown, u"- -"_s},
+        {true, answer(Kind::success, R"({})"), true, unknown, u"sent typed"_s, noToken},
+        {true, answer(Kind::success, R"({"access_token": 7})"), false, unknown, u"- -"_s, noToken},
+        {true, answer(Kind::success, R"(["access_token"])"), false, unknown, u"- -"_s, noToken},
         {false, answer(Kind::rejected), true, rejected, old},
         {false, answer(Kind::networkFailure), true, network, old},
         {false, answer(Kind::unreadable), false, unknown, old},
-        {false, answer(Kind::success, R"({"config": null})"), false, unknown, old},
-        {false, answer(Kind::success, R"([])"), false, unknown, old},
+        {false, answer(Kind::success, R"({"config": null})"), false, unknown, old, noConfiguration},
+        {false, answer(Kind::success, R"([])"), false, unknown, old, noConfiguration},
     };
     OpenVPNService::shared().config.reset();
     for (const Row &row : rows) {
@@ -160,8 +176,10 @@ TEST_F(SequenceTest, EveryAnswerThatEndsTheSequenceSaysWhyAndFreesTheForm)
         UserDefaults::setStrings({{u"email"_s, u"old"_s}, {u"password"_s, u"old"_s}});
         form().rememberCheck->setChecked(row.check);
         form().showConnecting();
+        const CapturedLog log;
         row.signIn ? form().onSignInAnswer(row.answer, u"sent"_s, u"typed"_s) : form().onProfileAnswer(row.answer);
         EXPECT_EQ(nextAlert(), row.alert);
+        EXPECT_EQ(steps(log), row.log);
         EXPECT_EQ(form().connectButton->text(), u"Conectar"_s);
         EXPECT_TRUE(form().emailEdit->isEnabled());
         EXPECT_EQ(form().passwordEdit->selectedText().isEmpty(), row.alert != rejected);
