@@ -45,6 +45,11 @@ def openvpn_pid():
     return None
 
 
+def management_listens():
+    rows = [line.split() for line in pathlib.Path("/proc/net/tcp").read_text(encoding="ascii").splitlines()]
+    return any(row[1:4:2] == ["0100007F:0539", "0A"] for row in rows)
+
+
 def openvpn_started():
     """When the client's OpenVPN process began, or None."""
     try:

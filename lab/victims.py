@@ -1,4 +1,5 @@
 """Whom a fault may hit: how each is found, killed, stopped, and put back."""
+import contextlib
 import os
 import pathlib
 import signal
@@ -61,15 +62,20 @@ def server_pid():
 
 
 class Victim:
-    def __init__(self, find, start):
-        self.find, self.start = find, start
+    def __init__(self, find, start, restart=signal.SIGTERM):
+        self.find, self.start, self.restart = find, start, restart
 
     def hit(self, how):
-        """Kills it, stops it, or ends it in good order and starts it again."""
+        """Kills it, stops it, or ends it in good order and starts it again; one that knows how restarts itself."""
         pid = self.find()
-        os.kill(pid, {"killed": signal.SIGKILL, "stopped": signal.SIGSTOP, "restarted": signal.SIGTERM}[how])
+        os.kill(pid, {"killed": signal.SIGKILL, "stopped": signal.SIGSTOP, "restarted": self.restart}[how])
         if how == "stopped":
             return lambda: os.kill(pid, signal.SIGCONT)
+        if how == "restarted":
+            with contextlib.suppress(ProcessLookupError):
+                os.kill(pid, signal.SIGCONT)  # the phase may have stopped it
+            if self.restart == signal.SIGHUP:
+                return lambda: None
         wait_for("the victim's end", lambda: self.find() != pid)
         if how == "killed":
             return self.start
@@ -82,7 +88,7 @@ def victims(stage):
         "client": Victim(lambda: None if stage.client.process.poll() is not None else stage.client.process.pid,
                          stage.start_client),
         "helper": Victim(lambda: running("/" + HELPER), start_helper),
-        "OpenVPN": Victim(machine.openvpn_pid, lambda: None),
+        "OpenVPN": Victim(machine.openvpn_pid, lambda: None, signal.SIGHUP),
         "account service": Victim(lambda: running("python3", "account_service.py"), start_account),
         "system bus": Victim(lambda: running("dbus-daemon", "--system", "--nopidfile"), start_bus),
         "polkit": Victim(lambda: running("/polkitd"), start_polkit),
