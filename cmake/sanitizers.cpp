@@ -2,6 +2,7 @@
 // starts without an environment. Standard <sanitizer/…_interface.h> names these functions; the environment's
 // ASAN_OPTIONS, UBSAN_OPTIONS and TSAN_OPTIONS come on top.
 
+// NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the sanitizers' names, not ours.
 extern "C" {
 
 const char *__asan_default_options()
@@ -26,3 +27,4 @@ const char *__tsan_default_suppressions()
     return "race:BusSession::metaObject\n";
 }
 }
+// NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)

@@ -48,13 +48,15 @@ constexpr const char *accepted[] = {
 
 QList<QByteArray> openvpnCommand(const HelperPaths &paths)
 {
-    // A file that says neither "client" nor "tls-client" would otherwise make a peer that talks in the clear.
-    // What it says before its management interface has a client would be lost; so its log is opened before its file.
-    QList<QByteArray> command{paths.openvpn, "--syslog", "corvale-openvpn", "--config", paths.configuration(), "--client",
-                              // It insists on a folder that it may write to, and /tmp need not be one.
-                              "--tmp-dir", paths.runFolder, "--script-security", "2", "--up", paths.clientUp, "--down",
-                              paths.clientDown, "--management", "127.0.0.1", QByteArray::number(managementPort),
-                              "--management-query-passwords"};
+    QList<QByteArray> command{
+        paths.openvpn,
+        // Before its file, or what it has against that would be told nowhere.
+        "--syslog", "corvale-openvpn", "--config", paths.configuration(),
+        // A file that says neither this nor "tls-client" would make a peer that talks in the clear.
+        "--client",
+        // It insists on a folder that it may write to, and /tmp need not be one.
+        "--tmp-dir", paths.runFolder, "--script-security", "2", "--up", paths.clientUp, "--down", paths.clientDown,
+        "--management", "127.0.0.1", QByteArray::number(managementPort), "--management-query-passwords"};
     for (const char *beginning : accepted)
         command << "--pull-filter"
                 << "accept" << beginning;
