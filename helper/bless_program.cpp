@@ -169,11 +169,14 @@ int stop(const BlessPaths &paths)
     return report({BlessBus(paths.busAddress).stopHelper(paths.helper())});
 }
 
-/// What a helper left that was killed, only the next one takes back, so there has to be one more.
+/// What was left by a helper that was killed, or by a machine that ended with the tunnel up, only the next one takes
+/// back, so there has to be one more.
 QByteArray cleanUp(const BlessPaths &paths, BlessBus &bus)
 {
     QByteArray error = bus.stopHelper(paths.helper());
-    if (error.isEmpty() && !QDir(QFile::decodeName(paths.runFolder)).isEmpty())
+    const bool left =
+        !QDir(QFile::decodeName(paths.runFolder)).isEmpty() || QFile::exists(QFile::decodeName(paths.keptResolver));
+    if (error.isEmpty() && left)
         error = bus.startHelper();
     return error;
 }

@@ -29,8 +29,12 @@ HelperService::HelperService(const QDBusConnection &bus, const HelperPaths &path
 bool HelperService::offer()
 {
     idle_.start();
-    return bus_.registerVirtualObject(QLatin1String(HelperNames::path), this) &&
-           bus_.registerService(QLatin1String(HelperNames::service));
+    if (!bus_.registerVirtualObject(QLatin1String(HelperNames::path), this) ||
+        !bus_.registerService(QLatin1String(HelperNames::service)))
+        return false;
+    // Not before: a helper that may not have the name must not touch the tunnel of the one that has it.
+    tunnel_.begin();
+    return true;
 }
 
 void HelperService::finish()

@@ -17,7 +17,7 @@ int main(int argc, char *argv[])
         return EXIT_FAILURE;
     }
     ::prctl(PR_SET_DUMPABLE, 0); // keys pass through its memory
-    return helperMain(
-        argc, argv,
-        {"/usr/sbin/openvpn", "/usr/libexec/corvale/client.up", "/usr/libexec/corvale/client.down", "/run/corvale"});
+    return helperMain(argc, argv,
+                      {"/usr/sbin/openvpn", "/usr/libexec/corvale/client.up", "/usr/libexec/corvale/client.down",
+                       "/run/corvale", "/etc/resolv.conf.corvale"});
 }

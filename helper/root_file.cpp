@@ -20,5 +20,8 @@ bool RootFile::write(const QByteArray &path, const QByteArray &bytes)
     const QByteArray fresh = path + ".new";
     ::unlink(fresh.constData());
     const Descriptor file(::open(fresh.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR));
-    return file && writeAll(file.get(), bytes) == 0 && ::rename(fresh.constData(), path.constData()) == 0;
+    if (file && writeAll(file.get(), bytes) == 0 && ::rename(fresh.constData(), path.constData()) == 0)
+        return true;
+    ::unlink(fresh.constData());
+    return false;
 }

@@ -35,13 +35,20 @@ Tunnel::Tunnel(HelperPaths paths, const HelperLimits &limits) : paths_(std::move
     connect(&patience_, &QTimer::timeout, this, [this] { process_->killAll(); });
     reloading_.setInterval(reloadAgain);
     connect(&reloading_, &QTimer::timeout, this, [this] { process_->signal(SIGHUP); });
-    if (QDir(QFile::decodeName(paths_.runFolder)).isEmpty())
+    again_.setSingleShot(true);
+    again_.setInterval(limits.again);
+    connect(&again_, &QTimer::timeout, this, &Tunnel::restore);
+}
+
+Tunnel::~Tunnel() = default;
+
+void Tunnel::begin()
+{
+    if (QDir(QFile::decodeName(paths_.runFolder)).isEmpty() && !isLeft())
         return;
     ProcessRecord::killLeftover(paths_.processRecord());
     restore();
 }
-
-Tunnel::~Tunnel() = default;
 
 void Tunnel::run(uid_t uid, const QByteArray &configuration, Answer answer)
 {
@@ -54,6 +61,7 @@ void Tunnel::run(uid_t uid, const QByteArray &configuration, Answer answer)
         answer(internal("The configuration cannot be stored."));
         return;
     }
+    again_.stop(); // client.up begins by restoring, too
     owner_ = uid;
     answers_.push_back(std::move(answer));
     dropOldest();
@@ -87,10 +95,6 @@ void Tunnel::start()
         return;
     }
     watch_ = std::make_unique<ReadWatch>(paths_.runFolder, HelperPaths::configurationName);
-    if (!watch_->isWatching()) {
-        fail(internal("The configuration cannot be watched."));
-        return;
-    }
     connect(watch_.get(), &ReadWatch::wasRead, this, &Tunnel::configurationWasRead);
     process_ = ChildProcess::start(openvpnCommand(paths_));
     if (!process_) {
@@ -108,6 +112,13 @@ void Tunnel::start()
 /// signal, and whether it saw the old file or the new one could not be told.
 void Tunnel::reload()
 {
+    if (!watch_->isWatching()) {
+        // The kernel has no watches left, so nobody would learn what OpenVPN reads: another one takes its place.
+        phase_ = Phase::Stopping;
+        process_->signal(SIGTERM);
+        patience_.start();
+        return;
+    }
     if (!wasRead_ || reloading_.isActive()) {
         reloadWhenRead_ = true;
         return;
@@ -134,6 +145,12 @@ void Tunnel::openvpnEnded(int status)
     status_ = status;
     watch_.reset();
     restore();
+}
+
+/// Whether the name servers are still the tunnel's, such as those in a file on a full disk.
+bool Tunnel::isLeft() const
+{
+    return QFile::exists(QFile::decodeName(paths_.dnsNote())) || QFile::exists(QFile::decodeName(paths_.keptResolver));
 }
 
 /// OpenVPN has run the script itself unless it was killed; a second run finds nothing to do.
@@ -194,6 +211,8 @@ void Tunnel::becomeIdle()
     phase_ = Phase::Idle;
     owner_.reset();
     QFile::remove(QFile::decodeName(paths_.configuration()));
+    if (isLeft())
+        again_.start();
 }
 
 void Tunnel::tellStopped()

@@ -20,12 +20,15 @@ class Tunnel : public QObject {
 public:
     using Answer = std::function<void(const std::variant<int, HelperError> &)>;
 
-    /// Begins by cleaning up what a helper that died has left in the run folder. Blocks for as long as an OpenVPN that
-    /// is left takes to end, five seconds at the most.
     Tunnel(HelperPaths paths, const HelperLimits &limits);
     ~Tunnel() override;
 
-    [[nodiscard]] bool isIdle() const { return phase_ == Phase::Idle; }
+    /// To be called once, first, and only by the one helper of the machine: cleans up what a helper that died has left.
+    /// Blocks for as long as an OpenVPN that is left takes to end, five seconds at the most.
+    void begin();
+
+    /// Whether nothing runs and nothing is left to be restored.
+    [[nodiscard]] bool isIdle() const { return phase_ == Phase::Idle && !again_.isActive(); }
     [[nodiscard]] std::optional<uid_t> owner() const { return owner_; } ///< none while idle
 
     /// Runs OpenVPN with this configuration for `uid`, or has the one that runs read it anew; its owner must be `uid`.
@@ -44,6 +47,7 @@ private:
     void reload();
     void configurationWasRead();
     void openvpnEnded(int status);
+    [[nodiscard]] bool isLeft() const;
     void restore();
     void restored();
     void answerServed();
@@ -58,6 +62,7 @@ private:
     std::unique_ptr<ReadWatch> watch_;
     QTimer patience_;  ///< with a process that has been asked to end
     QTimer reloading_; ///< runs from the request to read the file again until it is read
+    QTimer again_;     ///< while idle: until client.down is tried once more
     int status_ = 0;   ///< of the last OpenVPN
 
     std::vector<Answer> answers_; ///< in the order of the requests

@@ -9,6 +9,7 @@ import urllib.request
 from session import HERE, Failure, wait_for
 
 RESOLVER = pathlib.Path("/etc/resolv.conf")
+KEPT = pathlib.Path("/etc/resolv.conf.corvale")
 INSIDE = "10.77.0.1"
 
 
@@ -94,6 +95,8 @@ def check_gone(limit=20.0):
         raise Failure(f"the routes are not those of before: {changed}") from None
     if reply_from_inside():
         raise Failure("the page behind the tunnel is reached without a tunnel")
+    if KEPT.exists():
+        raise Failure("the copy of /etc/resolv.conf is still there")
     print("  OpenVPN and tunnel are gone; /etc/resolv.conf, routes and rules are as before")
 
 

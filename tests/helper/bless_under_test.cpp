@@ -12,5 +12,5 @@ int main(int argc, char *argv[])
     argv[1] = argv[0];
     std::_Exit(blessMain(argc - 1, argv + 1,
                          {root + "/libexec", root + "/policies", root + "/services", root + "/units", root + "/systemd",
-                          "unix:path=" + root + "/../socket", root + "/run", root + "/lock"}));
+                          "unix:path=" + root + "/../socket", root + "/run", root + "/kept", root + "/lock"}));
 }

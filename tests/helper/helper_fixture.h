@@ -73,10 +73,18 @@ protected:
     }
 
     /// For helpers that start from now on: milliseconds without work, and with an OpenVPN that is to end.
-    void limits(int idle, int ending)
+    void limits(int idle, int ending) { bus.activate(name, command(idle, ending)); }
+    QStringList command(int idle, int ending) const
     {
-        bus.activate(name, {QStringLiteral(HELPER_UNDER_TEST), path(u"openvpn"), path(u"client.up"),
-                            path(u"client.down"), path(u"run"), QString::number(idle), QString::number(ending)});
+        return {QStringLiteral(HELPER_UNDER_TEST),
+                path(u"openvpn"),
+                path(u"client.up"),
+                path(u"client.down"),
+                path(u"run"),
+                path(u"kept"),
+                QString::number(idle),
+                QString::number(ending),
+                u"100"_s};
     }
 
     /// Not the shared connection of Qt, which would still mean the bus of an earlier test.

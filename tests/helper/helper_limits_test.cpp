@@ -2,6 +2,8 @@
 
 #include "helper_fixture.h"
 
+#include <QProcess>
+
 #include <chrono>
 #include <csignal>
 #include <fcntl.h>
@@ -200,6 +202,38 @@ TEST_F(HelperTest, theNextHelperEndsAnOpenvpnThatOutlivedItsOwnAndNoOtherProcess
     write(path(u"run/openvpn.process"), QByteArray::number(::getpid()) + record.mid(record.indexOf(' ')));
     EXPECT_NE(outcome(send(u"getVersion"_s)), "no answer"); // and this process is still here to say so
     EXPECT_TRUE(waitFor([&] { return QDir(path(u"run")).isEmpty(); }));
+}
+
+TEST_F(HelperTest, whatCouldNotBeRestoredIsTriedAgainBeforeTheHelperLeaves)
+{
+    limits(100, 10'000);
+    for (const char16_t *const note : {u"run/dns", u"kept"}) {
+        const QString left = path(note);
+        QFile::remove(path(u"restored"));
+        write(path(u"client.down"),
+              "#!/bin/sh\necho restored >>" + path(u"restored").toUtf8() + "\n[ $(wc -l <" +
+                  path(u"restored").toUtf8() + ") -lt 4 ] || rm " + left.toUtf8() + "\n",
+              0755);
+        openvpn("echo >" + left.toUtf8());
+        EXPECT_EQ(outcome(run()), "0");
+        const pid_t helper = helperPid();
+        EXPECT_TRUE(waitFor([&] { return !QFile::exists(left); })) << left.toStdString();
+        EXPECT_EQ(contents(path(u"restored")).count('\n'), 4);
+        EXPECT_TRUE(waitFor([&] { return hasEnded(helper); }));
+    }
+}
+
+TEST_F(HelperTest, aSecondHelperLeavesTheTunnelOfTheFirstAlone)
+{
+    const auto tunnel = run();
+    ASSERT_TRUE(ready());
+    ASSERT_TRUE(waitFor([&] { return QFile::exists(path(u"run/openvpn.process")); }));
+    const QStringList words = command(60'000, 10'000);
+    EXPECT_EQ(QProcess::execute(words.first(), words.sliced(1)), EXIT_FAILURE);
+    EXPECT_FALSE(QFile::exists(path(u"restored")));
+    EXPECT_FALSE(hasEnded(pidIn(u"started")));
+    EXPECT_EQ(outcome(send(u"killOpenVPN"_s)), "");
+    EXPECT_EQ(outcome(tunnel), "7");
 }
 
 TEST_F(HelperTest, aHelperWithoutWorkLeavesAndTheNextMessageStartsAnother)

@@ -150,6 +150,20 @@ TEST_F(HelperTest, theSameUsersNextRequestHasTheRunningOpenvpnReadTheNewFile)
     EXPECT_EQ(contents(path(u"started")).count('\n'), 1);
 }
 
+TEST_F(HelperTest, withoutAWatchAFreshOpenvpnTakesThePlaceOfTheRunningOne)
+{
+    bus.activate(name, command(60'000, 10'000) << u"unwatched"_s);
+    const auto first = run();
+    ASSERT_TRUE(ready());
+    const auto second = run();
+    EXPECT_EQ(outcome(first), "7");
+    EXPECT_TRUE(waitFor([&] { return contents(path(u"started")).count('\n') == 2; }));
+    QFile::remove(path(u"ready"));
+    ASSERT_TRUE(ready());
+    EXPECT_EQ(outcome(send(u"killOpenVPN"_s)), "");
+    EXPECT_EQ(outcome(second), "7");
+}
+
 TEST_F(HelperTest, aRequestThatComesWhileOpenvpnReadsItsFirstFileHasItReadTheNewOne)
 {
     const auto first = run();

@@ -10,6 +10,8 @@
 
 using namespace Qt::StringLiterals;
 
+#define MARK "# Corvale's, until its tunnel ends.\n"
+
 namespace {
 
 class ScriptsTest : public testing::Test {
@@ -31,16 +33,18 @@ protected:
         QFile file(folder.filePath(QString::fromUtf8(name)));
         return file.open(QIODevice::ReadOnly) ? file.readAll().toStdString() : std::string();
     }
-    /// Runs `commands` where /etc/resolv.conf and /run are the test's, UP and DOWN are the scripts, and neither
+    /// Runs `commands` where /etc and /run are the test's, UP and DOWN are the scripts, and neither
     /// systemd-resolved nor resolvconf is there.
     int inside(const QByteArray &commands) const
     {
-        write("commands", "set -eu\nmount --make-rprivate /\nmount -t tmpfs none /run\nmkdir /run/corvale\ncd " +
-                              folder.path().toUtf8() +
-                              "\nmount --bind resolv.conf /etc/resolv.conf\n"
-                              "for tool in resolvconf resolvectl; do for at in /usr/sbin /usr/bin; do\n"
-                              "[ ! -e $at/$tool ] || mount --bind /dev/null $at/$tool; done; done\n" +
-                              QByteArray(commands).replace("UP", CLIENT_UP).replace("DOWN", CLIENT_DOWN) + '\n');
+        write("commands",
+              "set -eu\nmount --make-rprivate /\nmount -t tmpfs none /run\nmkdir /run/corvale\ncd " +
+                  folder.path().toUtf8() +
+                  "\nmkdir -p etc; mount -t tmpfs none etc; [ ! -d /etc/iproute2 ] || cp -r /etc/iproute2 etc\n"
+                  "mount --bind etc /etc; : >/etc/resolv.conf; mount --bind resolv.conf /etc/resolv.conf\n"
+                  "for tool in resolvconf resolvectl; do for at in /usr/sbin /usr/bin; do\n"
+                  "[ ! -e $at/$tool ] || mount --bind /dev/null $at/$tool; done; done\n" +
+                  QByteArray(commands).replace("UP", CLIENT_UP).replace("DOWN", CLIENT_DOWN) + '\n');
         return std::system("unshare -mn sh " + folder.filePath(u"commands"_s).toUtf8());
     }
 
@@ -59,12 +63,12 @@ TEST_F(ScriptsTest, whatTheServerPushedIsUsedUntilTheTunnelGoesDown)
     const Row rows[] = {
         {"foreign_option_1='dhcp-option DNS 10.8.0.1' foreign_option_2='dhcp-option DNS6 fd00::1' "
          "foreign_option_3='dhcp-option DOMAIN vpn.example' foreign_option_4='dhcp-option DOMAIN-SEARCH b.example'",
-         "nameserver 10.8.0.1\nnameserver fd00::1\nsearch vpn.example b.example\noptions edns0\n"},
+         MARK "nameserver 10.8.0.1\nnameserver fd00::1\nsearch vpn.example b.example\noptions edns0\n"},
         {"dns_server_5_address_1=10.8.0.9 dns_server_1_address_1=10.8.0.2 dns_server_1_address_2=fd00::2 "
          "dns_search_domain_1=a.example foreign_option_1='dhcp-option DNS 10.8.0.1'",
-         "nameserver 10.8.0.2\nnameserver fd00::2\nnameserver 10.8.0.9\nsearch a.example\noptions edns0\n"},
+         MARK "nameserver 10.8.0.2\nnameserver fd00::2\nnameserver 10.8.0.9\nsearch a.example\noptions edns0\n"},
         {"foreign_option_1='dhcp-option DNS 10.8.0.1' foreign_option_2='dhcp-option DOMAIN $(id)'",
-         "nameserver 10.8.0.1\noptions edns0\n"},
+         MARK "nameserver 10.8.0.1\noptions edns0\n"},
         // None of these is an address, so nothing is changed.
         {"foreign_option_1='dhcp-option DNS $(touch evaluated)'", original},
         {"foreign_option_1='dhcp-option DNS `touch evaluated`' foreign_option_2='dhcp-option DNS *'", original},
@@ -88,7 +92,7 @@ TEST_F(ScriptsTest, aSecondTunnelAfterACrashDoesNotTakeTheFirstOnesServersForThe
     EXPECT_EQ(inside("export dev=tun0; env foreign_option_1='dhcp-option DNS 10.8.0.1' UP\n"
                      "env foreign_option_1='dhcp-option DNS 10.9.0.1' UP; cat /etc/resolv.conf >during; DOWN; DOWN"),
               0);
-    EXPECT_EQ(read("during"), "nameserver 10.9.0.1\noptions edns0\n");
+    EXPECT_EQ(read("during"), MARK "nameserver 10.9.0.1\noptions edns0\n");
     EXPECT_EQ(read("resolv.conf"), original);
 }
 
@@ -104,7 +108,7 @@ TEST_F(ScriptsTest, aWayThatFailsIsTakenBackBeforeTheNextIsTried)
     EXPECT_EQ(inside(with("resolvconf") +
                      "env dev=tun3 foreign_option_1='dhcp-option DNS 10.8.0.1' UP; cat /etc/resolv.conf >during; DOWN"),
               0);
-    EXPECT_EQ(read("during"), "nameserver 10.8.0.1\noptions edns0\n");
+    EXPECT_EQ(read("during"), MARK "nameserver 10.8.0.1\noptions edns0\n");
     EXPECT_EQ(read("resolv.conf"), original);
 }
 
@@ -129,8 +133,9 @@ TEST_F(ScriptsTest, theSystemsOwnToolIsUsedWhereItIsThere)
 TEST_F(ScriptsTest, aLinkStaysTheLinkThatItWasAndWhatIsBehindItComesBack)
 {
     // Each is where the link leads, and what is there during the tunnel.
-    const std::pair<const char *, const char *> rows[] = {
-        {"resolv.conf", "nameserver 10.8.0.1\noptions edns0\n"}, {"none", "nameserver 10.8.0.1\n"}, {"no/folder", ""}};
+    const std::pair<const char *, const char *> rows[] = {{"resolv.conf", MARK "nameserver 10.8.0.1\noptions edns0\n"},
+                                                          {"none", MARK "nameserver 10.8.0.1\n"},
+                                                          {"no/folder", ""}};
     for (const auto &[target, during] : rows) {
         EXPECT_EQ(inside("mount -t tmpfs none /etc; ln -s \"$PWD/" + QByteArray(target) +
                          "\" /etc/resolv.conf\nenv dev=tun0 foreign_option_1='dhcp-option DNS 10.8.0.1' UP 2>said\n"
@@ -141,6 +146,50 @@ TEST_F(ScriptsTest, aLinkStaysTheLinkThatItWasAndWhatIsBehindItComesBack)
         EXPECT_EQ(read("during"), during) << target;
         EXPECT_EQ(read("resolv.conf"), original);
         EXPECT_FALSE(QFile::exists(folder.filePath(u"none"_s)));
+    }
+}
+
+TEST_F(ScriptsTest, whatAnotherNetworkHasWrittenMeanwhileStays)
+{
+    write("other", "nameserver 10.20.0.1\n");
+    EXPECT_EQ(inside("env dev=tun0 foreign_option_1='dhcp-option DNS 10.8.0.1' UP; cat other >/etc/resolv.conf; DOWN\n"
+                     "[ -z \"$(ls /run/corvale)\" ]; [ ! -e /etc/resolv.conf.corvale ]"),
+              0);
+    EXPECT_EQ(read("resolv.conf"), "nameserver 10.20.0.1\n");
+}
+
+TEST_F(ScriptsTest, theServersComeBackAfterTheMachineEndedWithTheTunnelUp)
+{
+    const QByteArray up = "env dev=tun0 foreign_option_1='dhcp-option DNS 10.8.0.1' UP\n";
+    EXPECT_EQ(inside(up + "mount -t tmpfs none /run; DOWN; [ ! -e /etc/resolv.conf.corvale ]"), 0);
+    EXPECT_EQ(read("resolv.conf"), original);
+    EXPECT_EQ(inside(up + "mount -t tmpfs none /run; " + up + "DOWN"), 0);
+    EXPECT_EQ(read("resolv.conf"), original);
+}
+
+TEST_F(ScriptsTest, aFullDiskLosesNothing)
+{
+    const QByteArray fill = "dd if=/dev/zero bs=1k of=/etc/filler 2>/dev/null || :\n";
+    const QByteArray up = "env dev=tun0 foreign_option_1='dhcp-option DNS 10.8.0.1' UP 2>said\n";
+    // Longer than what stands in for it, so that there is no room to put it back.
+    const QByteArray before = original + QByteArray(8000, '#') + '\n';
+    write("before", before);
+    EXPECT_EQ(inside("mount -t tmpfs -o size=64k none /etc; cp before /etc/resolv.conf\n" + up + fill +
+                     "! DOWN 2>said; ! DOWN 2>said; rm /etc/filler; DOWN; cat /etc/resolv.conf >after\n"
+                     "[ -z \"$(ls /run/corvale)\" ]; [ ! -e /etc/resolv.conf.corvale ]"),
+              0);
+    EXPECT_EQ(read("after"), before.toStdString());
+
+    const char *const places[] = {"/etc", "/run"};
+    for (const char *place : places) {
+        EXPECT_EQ(inside(QByteArray("mount -t tmpfs -o size=64k none /etc; mount -t tmpfs -o size=64k none /run\n"
+                                    "mkdir /run/corvale; cp before /etc/resolv.conf\n") +
+                         QByteArray(fill).replace("/etc", place) + up + "cat /etc/resolv.conf >during; DOWN\n" +
+                         "cat /etc/resolv.conf >after; ls -A /run/corvale /etc >left"),
+                  0)
+            << place;
+        EXPECT_EQ(read("after"), before.toStdString()) << place;
+        EXPECT_EQ(read("left").find("corvale."), std::string::npos) << read("left");
     }
 }
 
