@@ -16,7 +16,13 @@ constexpr quint16 port = 1337;
 constexpr int readSize = 2048;
 constexpr qsizetype mostUnfinished = 1 << 20; // OpenVPN's longest line has some ten thousand bytes
 constexpr auto pauseAfterRead = 100ms;
-constexpr auto patience = 1s;
+constexpr auto patience = 60s; // a megabyte at the reader's pace
+
+/// An error's text quotes what OpenVPN did not understand, which may be a password of more than its 256 characters.
+QByteArray quotable(QByteArrayView line)
+{
+    return line.startsWith("ERROR:") && StandardOutput::isSystemLog() ? "ERROR: [...]" : line.toByteArray();
+}
 
 } // namespace
 
@@ -32,7 +38,7 @@ void OpenVPNManagement::startReading()
 void OpenVPNManagement::sendCommand(const QByteArray &command)
 {
     const auto error = socket.send(command);
-    // Everything else is the person's own to read; the system's log is also read by others.
+    // The system's log is also read by others.
     const bool secret = command.startsWith("password ") && StandardOutput::isSystemLog();
     const QByteArray shown = secret ? QByteArray("password [...]\n") : command;
     StandardOutput::writeLine(error ? shown + ' ' + error->text().toUtf8() : shown);
@@ -107,7 +113,7 @@ void OpenVPNManagement::parseLine(QByteArrayView line)
         StandardOutput::writeLine("MGMT: Got unrecognized command" + action.text.toByteArray());
         break;
     case Kind::PrintUnknownLine:
-        StandardOutput::writeLine("MGMT: Got unrecognized line from managment" + action.text.toByteArray());
+        StandardOutput::writeLine("MGMT: Got unrecognized line from managment" + quotable(action.text));
         break;
     case Kind::State: handleState(action.text); break;
     }

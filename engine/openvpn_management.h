@@ -24,7 +24,7 @@ public:
     /// reader serves every later connection too, and starts each with an empty buffer.
     void startReading();
 
-    /// Returns when every line that had arrived before the call has been dispatched, after a second at the most; at
+    /// Returns when every line that had arrived before the call has been dispatched, after a minute at the most; at
     /// once when there is no reader. Any thread but the reader's.
     void catchUp();
 

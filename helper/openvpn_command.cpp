@@ -52,6 +52,9 @@ QList<QByteArray> openvpnCommand(const HelperPaths &paths)
         paths.openvpn,
         // Before its file, or what it has against that would be told nowhere.
         "--syslog", "corvale-openvpn", "--config", paths.configuration(),
+        // From level 3 on it repeats what it was told and what was pushed, and hides a password or a token only where
+        // it recognises them.
+        "--verb", "2",
         // A file that says neither this nor "tls-client" would make a peer that talks in the clear.
         "--client",
         // It insists on a folder that it may write to, and /tmp need not be one.

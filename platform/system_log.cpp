@@ -3,9 +3,55 @@
 #include "write_all.h"
 
 #include <QByteArray>
+#include <QDateTime>
+#include <QLocale>
 
-#include <syslog.h>
+#include <cerrno>
+#include <mutex>
+#include <sys/socket.h>
+#include <sys/syslog.h>
+#include <sys/un.h>
 #include <unistd.h>
+#include <utility>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+int connectToLog()
+{
+    const int descriptor = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    const sockaddr_un log{AF_UNIX, _PATH_LOG};
+    if (descriptor < 0 || ::connect(descriptor, reinterpret_cast<const sockaddr *>(&log), sizeof log) == 0)
+        return descriptor;
+    ::close(descriptor);
+    return -1;
+}
+
+/// syslog(3) would wait for a daemon that does not read, and with it the window, and the helper.
+void tellLog(const QByteArray &line)
+{
+    static std::mutex guard; // of `log`
+    static int log = -1;
+    const QDateTime now = QDateTime::currentDateTime();
+    // As syslog(3) writes it, RFC 3164 without the host's name; months and days in English whatever the locale is.
+    const QByteArray message = '<' + QByteArray::number(LOG_USER | LOG_NOTICE) + '>' +
+                               QLocale::c().toString(now, u"MMM"_s).toLatin1() +
+                               QByteArray::number(now.date().day()).rightJustified(3, ' ') +
+                               now.toString(u" HH:mm:ss "_s).toLatin1() + program_invocation_short_name + ": " + line;
+    const std::scoped_lock lock(guard);
+    // A daemon that was started anew listens on a new socket.
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        if (log < 0)
+            log = connectToLog();
+        if (log < 0 || ::send(log, message.constData(), static_cast<size_t>(message.size()), MSG_NOSIGNAL) >= 0 ||
+            errno == EAGAIN)
+            return;
+        ::close(std::exchange(log, -1));
+    }
+}
+
+} // namespace
 
 void SystemLog::write(QStringView text)
 {
@@ -13,8 +59,6 @@ void SystemLog::write(QStringView text)
     while (line.endsWith('\n'))
         line.chop(1);
     line.replace('\n', "\\n").replace('\0', "\\0");
-
-    // The facility is given with each call: openlog() would keep a pointer and is not needed for a line's own sake.
-    ::syslog(LOG_USER | LOG_NOTICE, "%s", line.constData());
+    tellLog(line);
     writeAll(STDERR_FILENO, line + '\n');
 }

@@ -29,6 +29,8 @@ int run(QApplication &application, SingleInstance &instance)
     QObject::connect(&application, &QApplication::aboutToQuit, &delegate, &AppDelegate::applicationWillTerminate);
     delegate.applicationDidFinishLaunching();
     const int status = QApplication::exec();
+    // Qt waits for a name service that does not answer; nobody who has chosen to quit does.
+    QuitSignals::limitTheEnd();
     // A thread that is still at work, in the kernel or waiting for the bus, may touch any object of the process, the
     // delegate too: then no destructor may run any more.
     if (!BackgroundQueue::finish(80ms))

@@ -58,6 +58,11 @@ void handle(int number, void (*handler)(int))
 
 } // namespace
 
+void QuitSignals::limitTheEnd()
+{
+    timer_settime(wire.timer, 0, &lastMoment, nullptr);
+}
+
 QuitSignals::QuitSignals() : arrived_(openWire(), QSocketNotifier::Read)
 {
     QObject::connect(&arrived_, &QSocketNotifier::activated, &arrived_, [] { QCoreApplication::exit(); });

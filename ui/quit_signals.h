@@ -9,6 +9,9 @@ class QuitSignals final {
 public:
     QuitSignals();
 
+    /// Grants the process no more than that moment from now on, as if it had been asked to end.
+    static void limitTheEnd();
+
 private:
     QSocketNotifier arrived_;
 };

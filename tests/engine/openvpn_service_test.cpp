@@ -202,7 +202,7 @@ TEST(OpenVPNService, CatchesUpWithAllThatOpenVPNSaidBeforeItsEnd)
     auto peer = std::make_unique<TCPPeer>(managementPort);
     startAgainst(*peer, 1);
     const Output output;
-    peer->send(">LOG:" + QByteArray(5000, '.') + "\r\n>STATE:1,LAST,\r\n");
+    peer->send(">LOG:" + QByteArray(26'000, '.') + "\r\n>STATE:1,LAST,\r\n");
     peer.reset();
     OpenVPNService::shared().management.catchUp();
     EXPECT_EQ(OpenVPNService::shared().state(), u"LAST"_s);

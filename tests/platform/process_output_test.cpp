@@ -2,14 +2,57 @@
 #include "system_log.h"
 
 #include <QByteArrayList>
+#include <QRegularExpression>
 
 #include <algorithm>
+#include <cstring>
+#include <fcntl.h>
 #include <gmock/gmock.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 using namespace Qt::StringLiterals;
+
+namespace {
+
+/// Gives this process, which must not be the test program itself, an empty folder in the place of the machine's.
+void onlyHere(const char *folder)
+{
+    if (::unshare(CLONE_NEWNS) != 0 || ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        ::mount("test", folder, "tmpfs", 0, nullptr) != 0)
+        ::_exit(2);
+}
+
+sockaddr_un address(const char *path)
+{
+    sockaddr_un made{};
+    made.sun_family = AF_UNIX;
+    ::strncpy(made.sun_path, path, sizeof made.sun_path - 1);
+    return made;
+}
+
+int boundTo(const char *path, int type)
+{
+    const int made = ::socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
+    const sockaddr_un where = address(path);
+    return ::bind(made, reinterpret_cast<const sockaddr *>(&where), sizeof where) == 0 ? made : -1;
+}
+
+int connectedTo(const char *path)
+{
+    const int made = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const sockaddr_un where = address(path);
+    return ::connect(made, reinterpret_cast<const sockaddr *>(&where), sizeof where) == 0 ? made : -1;
+}
+
+} // namespace
 
 TEST(StandardOutput, KeepsTheLinesOfManyThreadsWhole)
 {
@@ -41,10 +84,70 @@ TEST(StandardOutput, SurvivesAReaderThatHasLeft)
     ::close(ends[1]);
 }
 
+TEST(StandardOutput, KnowsTheJournalByItsSocketAndNothingElse)
+{
+    const auto leadsToLog = [](int descriptor) {
+        const int before = ::dup(STDOUT_FILENO);
+        ::dup2(descriptor, STDOUT_FILENO);
+        const bool found = StandardOutput::isSystemLog();
+        ::dup2(before, STDOUT_FILENO);
+        ::close(before);
+        return found;
+    };
+    int ends[2];
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+    EXPECT_FALSE(leadsToLog(ends[0]));
+    ASSERT_EQ(::pipe(ends), 0);
+    EXPECT_FALSE(leadsToLog(ends[1]));
+    EXPECT_FALSE(leadsToLog(::open("/dev/null", O_WRONLY)));
+
+    if (::geteuid() != 0)
+        GTEST_SKIP() << "only root has a place for a journal of its own";
+    EXPECT_EXIT(
+        {
+            onlyHere("/run");
+            ::mkdir("/run/systemd", 0755);
+            ::mkdir("/run/systemd/journal", 0755);
+            const int journal = boundTo("/run/systemd/journal/stdout", SOCK_STREAM);
+            ::listen(journal, 1);
+            ::_exit(leadsToLog(connectedTo("/run/systemd/journal/stdout")) ? 0 : 1);
+        },
+        testing::ExitedWithCode(0), "");
+}
+
 TEST(SystemLog, WritesOneLineACallWhateverTheTextHolds)
 {
     testing::internal::CaptureStderr();
     SystemLog::write(u"XPC Connection Invalidated\n"_s);
     SystemLog::write(u"a\nb %s ñ"_s);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "XPC Connection Invalidated\na\\nb %s ñ\n");
+}
+
+TEST(SystemLog, WaitsForNoDaemonAndFindsTheNextOne)
+{
+    if (::geteuid() != 0)
+        GTEST_SKIP() << "only root has a place for a log of its own";
+    EXPECT_EXIT(
+        {
+            onlyHere("/dev");
+            auto first = [log = -1]() mutable {
+                char bytes[100]{};
+                ::close(std::exchange(log, -1));
+                ::unlink("/dev/log");
+                log = boundTo("/dev/log", SOCK_DGRAM);
+                ::alarm(5); // ends a write that waits
+                for (int i = 0; i < 1000; ++i)
+                    SystemLog::write(QStringLiteral("line %1").arg(i));
+                ::alarm(0);
+                ::recv(log, bytes, sizeof bytes - 1, MSG_DONTWAIT);
+                return QByteArray(bytes);
+            };
+            const QRegularExpression form(QStringLiteral("^<13>[A-Z][a-z]{2} [ 1-3]\\d \\d\\d:\\d\\d:\\d\\d "
+                                                         "platform_tests: line 0$"));
+            for (int daemon = 0; daemon < 2; ++daemon)
+                if (!form.match(QString::fromUtf8(first())).hasMatch())
+                    ::_exit(1);
+            ::_exit(0);
+        },
+        testing::ExitedWithCode(0), "");
 }
