@@ -92,7 +92,7 @@ def kills():
 def starting(stage):
     """OpenVPN has just been started, and the client is yet to find its management port."""
     stage.person.sign_in(*ANA)
-    wait_for("OpenVPN's management port", machine.management_listens)
+    wait_for("OpenVPN", machine.openvpn_pid)
 
 
 def authenticating(stage):

@@ -104,7 +104,7 @@ RECEIVED = (*SIGNED_IN, "Profile received")
 # What goes wrong; how; who signs in; how the button ends; what the log has, in this order, and what it has not.
 TABLE = {
     "no account service": (no_account_service, ANA, STOPPED, ("Signing in",), "Signed in"),
-    "no such subscriber": (nothing, (ANA[0], "wrong"), STOPPED, ("Signing in",), "Signed in"),
+    "no such subscriber": (nothing, (ANA[0], "not-hers-4711"), STOPPED, ("Signing in",), "Signed in"),
     "no profile for her": (no_profile, ANA, STOPPED, SIGNED_IN, "Profile received"),
     "no place for the configuration": (obstacle(directory), ANA, STOPPED, (*RECEIVED, "Is a directory"), "AUTH"),
     "polkit refuses": (no_right, ANA, STOPPED, (*RECEIVED, "XPCService error: ", "NOPROCESS"), "AUTH"),
@@ -120,7 +120,8 @@ TABLE = {
                              (*RECEIVED, "VERIFY X509NAME ERROR", " corvale: RECONNECTING"), "CONNECTED"),
     "the server refuses the password": (nothing, BERTA, STOPPED,
                                         (*RECEIVED, "AUTH_FAILED", "termiationStatus=0"), "CONNECTED"),
-    "nothing": (nothing, ANA, CONNECTED, (*RECEIVED, "Initialization Sequence Completed", " corvale: CONNECTED"), "NOPROCESS"),
+    # At this level OpenVPN would repeat the commands that it is given.
+    "nothing": (handed_out(lambda text: text.replace("verb 3", "verb 4")), ANA, CONNECTED, (*RECEIVED, "Initialization Sequence Completed", " corvale: CONNECTED"), "NOPROCESS"),
 }
 
 
@@ -144,8 +145,9 @@ def steps():
     expect(b"password [...]\n" in journal.text and b"username 'Auth' ana" in journal.text, "the journal lacks commands")
     for name, text in (("the system log", log("system")), ("the journal", journal.text.decode()),
                        ("the client's standard error", log("client"))):
-        for _, password in (ANA, BERTA):
+        for password in ("secret", "expired", "not-hers-4711"):
             expect(password not in text, f"{name} has the password {password}")
+    expect("MANAGEMENT: CMD" not in log("system"), "OpenVPN repeats its commands")
     expect(not wrong, "; ".join(wrong))
 
 

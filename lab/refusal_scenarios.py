@@ -9,7 +9,7 @@ import plain
 from helper_calls import (
     HELPER, call, expect, helper_pid, kill_helper, own_file, run_arguments, run_folder, send, start_helper,
 )
-from session import HERE, wait_for
+from session import HERE, LOGS, wait_for
 from stage import Stage
 
 UNIT = HERE.parent / "packaging/systemd" / f"{HELPER}.service"
@@ -99,6 +99,9 @@ def confined():
         # kill, setgid, setuid, net_admin
         expect((status["CapBnd"], status["NoNewPrivs"]) == ("00000000000010e0", "1"), f"{name} is not confined")
     stage.disconnect()
+    lines = [line for line in (LOGS / "system").read_text(encoding="utf-8").splitlines() if " corvale-openvpn[" in line]
+    print(f"  OpenVPN's lines in the system log: {len(lines)}")
+    expect(lines, "OpenVPN does not reach the system log")
     print("  kill -9 of the helper:")
     stage.connect()
     kill_helper()

@@ -9,8 +9,9 @@ from helper_calls import HELPER
 from session import BUILD, LOGS, Failure, wait_for
 
 RUNTIMES = {"address,undefined": "libasan", "thread": "libtsan"}
-REPORT = re.compile(r"(ERROR|WARNING): \w+Sanitizer|runtime error: ")
+REPORT = re.compile(r"(Address|Leak|Thread|UndefinedBehavior)Sanitizer|runtime error: ")
 PROGRAMS = ("Corvale", HELPER)
+END = "Sanitizer at the end: leaks come next"
 
 
 def sanitizers():
@@ -29,23 +30,36 @@ def running():
             yield int(path.name), program
 
 
-def check():
-    """Leaks are counted when a process ends, so what still runs is told to."""
+def ends():
+    log = LOGS / "client"
+    return log.exists() and log.read_text(encoding="utf-8", errors="replace").count(END)
+
+
+def check(main_job):
+    """Leaks are counted when a process ends, so what still runs is told to. After the main job both do."""
     which = sanitizers()
     if not which:
         return
     last = dict(running())
-    if not last:
-        raise Failure("neither client nor helper is left to be looked at")
+    if main_job and {program.name for program in last.values()} != set(PROGRAMS):
+        raise Failure(f"client and helper do not both run at the end: {last}")
     for pid, program in last.items():
         needs = subprocess.run(["readelf", "--dynamic", program], capture_output=True, text=True, check=True).stdout
         if RUNTIMES[which] not in needs:
             raise Failure(f"{program} was built without -fsanitize={which}")
+        before = ends()
         os.kill(pid, signal.SIGTERM)
         wait_for(f"the end of {program}", lambda: pid not in dict(running()))
-    for log in sorted(LOGS.iterdir()):
-        text = log.read_text(encoding="utf-8", errors="replace")
-        if REPORT.search(text):
-            raise Failure(f"a report in {log}:\n{text[REPORT.search(text).start():][:5000]}")
+        if program.name != HELPER and ends() == before:
+            raise Failure(f"{program} ended before it came to its leaks")
+    if reports():
+        raise Failure("a sanitizer has reported something")
     ended = ", ".join(sorted(program.name for program in last.values()))
-    print(f"  -fsanitize={which}: no report; running until the end: {ended}")
+    print(f"  -fsanitize={which}: no report; running until the end: {ended or 'none'}")
+
+
+def reports():
+    """The beginning of the first in each log."""
+    texts = {log: log.read_text(encoding="utf-8", errors="replace") for log in sorted(LOGS.iterdir()) if log.is_file()}
+    found = {log: REPORT.search(text) for log, text in texts.items()}
+    return [f"--- in {log}:\n{texts[log][match.start():][:5000]}" for log, match in found.items() if match]

@@ -50,6 +50,7 @@ def connect():
     stage.person.sees("Conectar", again)
     stage.session.picture("4-disconnected")
     machine.check_gone()
+    stage.hears_of_the_end()
     timeline.show(timeline.collect(stage.person, stage.client, stage.bus, began), click)
     took = connected - click
     print(f'  click until "Desconectar": {took:.3f} s; a plain script, same work: {yardstick:.3f} s;'
@@ -183,9 +184,9 @@ def main():
     print(f"{name}:", flush=True)
     try:
         scenario(*sys.argv[2:])
-        sanitizers.check()
+        sanitizers.check(main_job=name == "connect")
     except Failure as failure:
-        print(f"FAILED: {name}: {failure}", flush=True)
+        print(f"FAILED: {name}: {failure}", *sanitizers.reports(), sep="\n", flush=True)
         for log in ("system", "account_errors", "server"):
             print(f"--- the end of {LOGS / log}", *(LOGS / log).read_text(encoding="utf-8").splitlines()[-15:], sep="\n")
         sys.exit(1)

@@ -11,7 +11,7 @@ import time
 
 HERE = pathlib.Path(__file__).parent
 PERSONAL = pathlib.Path("/run/lab/person")  # what the person runs and reads herself
-BUILD = HERE.parent / os.environ.get("BUILD", "build")
+BUILD = HERE.parent / (os.environ.get("BUILD") or "build")
 PICTURES = HERE.parent / "build" / "demo"
 LOGS = pathlib.Path("/var/log/lab")
 
@@ -119,7 +119,8 @@ class Session:
 
     def client(self, **environment):
         """The installed client."""
-        return self.program("corvale", stderr=self.errors(), env=self.environment | environment)
+        return self.program("corvale", stderr=self.errors(),
+                            env=self.environment | {"CORVALE_TELL_END": "1"} | environment)
 
     @staticmethod
     def errors():
