@@ -18,12 +18,6 @@ constexpr qsizetype mostUnfinished = 1 << 20; // OpenVPN's longest line has some
 constexpr auto pauseAfterRead = 100ms;
 constexpr auto patience = 60s; // a megabyte at the reader's pace
 
-/// An error's text quotes what OpenVPN did not understand, which may be a password of more than its 256 characters.
-QByteArray quotable(QByteArrayView line)
-{
-    return line.startsWith("ERROR:") && StandardOutput::isSystemLog() ? "ERROR: [...]" : line.toByteArray();
-}
-
 } // namespace
 
 // Whoever listens on the port gets the subscriber's password.
@@ -38,10 +32,7 @@ void OpenVPNManagement::startReading()
 void OpenVPNManagement::sendCommand(const QByteArray &command)
 {
     const auto error = socket.send(command);
-    // The system's log is also read by others.
-    const bool secret = command.startsWith("password ") && StandardOutput::isSystemLog();
-    const QByteArray shown = secret ? QByteArray("password [...]\n") : command;
-    StandardOutput::writeLine(error ? shown + ' ' + error->text().toUtf8() : shown);
+    StandardOutput::writeLine(error ? command + ' ' + error->text().toUtf8() : command);
 }
 
 void OpenVPNManagement::readLoop()
@@ -113,7 +104,7 @@ void OpenVPNManagement::parseLine(QByteArrayView line)
         StandardOutput::writeLine("MGMT: Got unrecognized command" + action.text.toByteArray());
         break;
     case Kind::PrintUnknownLine:
-        StandardOutput::writeLine("MGMT: Got unrecognized line from managment" + quotable(action.text));
+        StandardOutput::writeLine("MGMT: Got unrecognized line from managment" + action.text.toByteArray());
         break;
     case Kind::State: handleState(action.text); break;
     }

@@ -29,8 +29,7 @@ public:
     void catchUp();
 
     /// Sends `command` unchanged (the caller ends it with LF) and echoes it, and the error where there is one, to
-    /// standard output in one write; but no password where that is the system's log. Any thread; blocks as
-    /// `TCPClient::send` does. The caller is not told of failures.
+    /// standard output in one write. Any thread; blocks as `TCPClient::send` does. The caller is not told of failures.
     void sendCommand(const QByteArray &command);
 
     /// Dispatches every complete line of `buffer`, in order, on the caller's thread, and returns what is left over.

@@ -19,7 +19,8 @@ class HelperService final : public QDBusVirtualObject {
 public:
     HelperService(const QDBusConnection &bus, const HelperPaths &paths, const HelperLimits &limits);
 
-    /// Puts the object on the bus and takes the name; false when that is refused, as it is to all but root.
+    /// Puts the object on the bus and takes the name; false when that is refused, as it is to all but root. Then cleans
+    /// up what a helper that died has left, as `Tunnel::begin` does.
     bool offer();
 
     /// Ends the tunnel, then says `finished`.

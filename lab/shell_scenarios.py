@@ -1,4 +1,5 @@
 """What the application's shell promises, seen on a desktop: keyboard, accessibility, status bars, window, session bus."""
+import contextlib
 import json
 import os
 import pathlib
@@ -9,7 +10,7 @@ import subprocess
 import time
 
 import machine
-from session import LOGS, PERSONAL, Program, wait_for
+from session import LOGS, PERSONAL, Failure, Program, wait_for
 from stage import ANA, Stage
 
 expect = Stage.expect
@@ -41,8 +42,13 @@ class Desk(Stage):
     def close_window(self):
         active = lambda: self.session.output("xdotool", "getactivewindow").strip()
         wait_for("the window in front", lambda: active() == self.window())
-        self.session.keys("alt+F4")
-        wait_for("the window's end", lambda: not self.window())
+        # A window manager that has just started manages windows before it takes keys.
+        began = time.monotonic()
+        while self.window():
+            expect(time.monotonic() - began < 20, "the window does not close")
+            self.session.keys("alt+F4")
+            with contextlib.suppress(Failure):
+                wait_for("the window's end", lambda: not self.window(), 2)
         expect(self.client.process.poll() is None, "closing the window ended the client")
 
     def start_again(self):

@@ -5,18 +5,15 @@
 #include <QByteArray>
 
 #include <cstddef>
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
-void StandardOutput::writeLine(QByteArrayView text)
-{
-    QByteArray line = text.toByteArray();
-    line += '\n';
-    writeAll(STDOUT_FILENO, line);
-}
+namespace {
 
-bool StandardOutput::isSystemLog()
+/// Whether it is connected to the journal.
+bool isSystemLog()
 {
     sockaddr_un peer{};
     socklen_t size = sizeof peer;
@@ -26,4 +23,23 @@ bool StandardOutput::isSystemLog()
     const QByteArrayView path(peer.sun_path, size - static_cast<socklen_t>(offsetof(sockaddr_un, sun_path)));
     // A journal namespace has a folder of its own beside the usual one.
     return path.startsWith("/run/systemd/journal");
+}
+
+} // namespace
+
+void StandardOutput::writeLine(QByteArrayView text)
+{
+    QByteArray line = text.toByteArray();
+    line += '\n';
+    writeAll(STDOUT_FILENO, line);
+}
+
+void StandardOutput::keepOutOfSystemLog()
+{
+    if (!isSystemLog())
+        return;
+    // Not just closed: the next socket would take its number.
+    const int nowhere = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+    ::dup2(nowhere, STDOUT_FILENO);
+    ::close(nowhere);
 }

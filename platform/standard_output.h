@@ -9,8 +9,9 @@ namespace StandardOutput {
 /// A failure is not reported: a closed pipe (no SIGPIPE), a full disk and a missing descriptor lose the message.
 void writeLine(QByteArrayView text);
 
-/// Whether standard output leads to the system's log, which others may read: systemd gives a desktop's programs the
-/// journal's stream socket (systemd-journald.service(8)). Any thread; does not block.
-bool isSystemLog();
+/// Lets standard output lead nowhere from now on where it leads to the system's log: others may read that, and the
+/// commands that are echoed have the person's password. systemd gives a desktop's programs the journal's stream socket
+/// (systemd-journald.service(8)). Main thread, before anything is written; does not block.
+void keepOutOfSystemLog();
 
 } // namespace StandardOutput

@@ -5,6 +5,7 @@
 #include "quit_signals.h"
 #include "session_bus.h"
 #include "single_instance.h"
+#include "standard_output.h"
 #include "styling.h"
 
 #include <QApplication>
@@ -42,6 +43,7 @@ int run(QApplication &application, SingleInstance &instance)
 
 int applicationMain(int &argc, char **argv)
 {
+    StandardOutput::keepOutOfSystemLog();
     SessionBus::leaveWhenSilent();
     QApplication application(argc, argv);
     QApplication::setApplicationName(u"Corvale"_s);

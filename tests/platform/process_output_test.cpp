@@ -84,22 +84,25 @@ TEST(StandardOutput, SurvivesAReaderThatHasLeft)
     ::close(ends[1]);
 }
 
-TEST(StandardOutput, KnowsTheJournalByItsSocketAndNothingElse)
+TEST(StandardOutput, IsKeptOutOfTheJournalAndNothingElse)
 {
-    const auto leadsToLog = [](int descriptor) {
+    const auto staysAt = [](int descriptor) {
         const int before = ::dup(STDOUT_FILENO);
         ::dup2(descriptor, STDOUT_FILENO);
-        const bool found = StandardOutput::isSystemLog();
+        StandardOutput::keepOutOfSystemLog();
+        struct stat given {};
+        struct stat found {};
+        ::fstat(descriptor, &given);
+        const bool open = ::fstat(STDOUT_FILENO, &found) == 0;
         ::dup2(before, STDOUT_FILENO);
         ::close(before);
-        return found;
+        return open && found.st_ino == given.st_ino && found.st_dev == given.st_dev;
     };
     int ends[2];
     ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
-    EXPECT_FALSE(leadsToLog(ends[0]));
+    EXPECT_TRUE(staysAt(ends[0]));
     ASSERT_EQ(::pipe(ends), 0);
-    EXPECT_FALSE(leadsToLog(ends[1]));
-    EXPECT_FALSE(leadsToLog(::open("/dev/null", O_WRONLY)));
+    EXPECT_TRUE(staysAt(ends[1]));
 
     if (::geteuid() != 0)
         GTEST_SKIP() << "only root has a place for a journal of its own";
@@ -110,7 +113,7 @@ TEST(StandardOutput, KnowsTheJournalByItsSocketAndNothingElse)
             ::mkdir("/run/systemd/journal", 0755);
             const int journal = boundTo("/run/systemd/journal/stdout", SOCK_STREAM);
             ::listen(journal, 1);
-            ::_exit(leadsToLog(connectedTo("/run/systemd/journal/stdout")) ? 0 : 1);
+            ::_exit(staysAt(connectedTo("/run/systemd/journal/stdout")) ? 1 : 0);
         },
         testing::ExitedWithCode(0), "");
 }
