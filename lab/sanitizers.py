@@ -50,8 +50,9 @@ def check(main_job):
         before = ends()
         os.kill(pid, signal.SIGTERM)
         wait_for(f"the end of {program}", lambda: pid not in dict(running()))
-        if program.name != HELPER and ends() == before:
-            raise Failure(f"{program} ended before it came to its leaks")
+        # The client has a tenth of a second, which a busy machine may use up.
+        if which != "thread" and program.name != HELPER and ends() == before:
+            raise Failure(f"{program} ended before it came to its leaks; once more, with less to do beside it")
     if reports():
         raise Failure("a sanitizer has reported something")
     ended = ", ".join(sorted(program.name for program in last.values()))
