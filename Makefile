@@ -49,7 +49,7 @@ bench:
 	bench/figures.py
 
 # Each part killed, stopped and restarted in each phase of a connection, what may stand in the way, and what
-# the log says when a step fails; nine minutes.
+# the log says when a step fails; eight minutes.
 faults:
 	lab/demo.sh check
 	$(MAKE) --no-print-directory build

@@ -165,3 +165,4 @@ def come_back(stage, ends, told):
                 connected_again(stage)
             stage.disconnect()
         machine.check_gone()
+    wait_for("the client's rest", lambda: stage.states()[-1:] in ([], ["NOPROCESS"]))
