@@ -318,6 +318,28 @@ def quit_silently():
     told, _ = sent_to_openvpn(desk.client.process.pid, desk.disconnect)
     print(f'  "Desconectar", for comparison: {told}')
     expect(told, "what is sent cannot be seen")
+    desk.client.end()
+    desk.start_client()
+    quit_while_a_name_is_looked_up(desk)
+
+
+def quit_while_a_name_is_looked_up(desk):
+    hosts = pathlib.Path("/etc/hosts")
+    before = hosts.read_text(encoding="utf-8")
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as silent:
+        silent.bind(("127.0.0.9", 53))
+        machine.RESOLVER.write_text("nameserver 127.0.0.9\n", encoding="utf-8")
+        hosts.write_text("127.0.0.1 localhost\n", encoding="utf-8")
+        desk.person.sign_in(*ANA)
+        silent.settimeout(20)
+        asked = b"corvale" in silent.recv(1000)
+        began = time.monotonic()
+        desk.choose_in_panel("Up", "Return")
+        expect(asked and desk.client.process.wait(10) == 0, '"Salir" does not end the client')
+        took = time.monotonic() - began
+    hosts.write_text(before, encoding="utf-8")
+    print(f'  "Salir" while a name server is silent: ended after {took:.1f} s')
+    expect(took < 3, "it waited for the name server")
 
 
 SHELL_SCENARIOS = {"keyboard": keyboard, "reader": reader, "tray": tray, "reopen": reopen, "no-bus": no_bus,
