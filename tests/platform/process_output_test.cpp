@@ -30,26 +30,14 @@ void onlyHere(const char *folder)
         ::_exit(2);
 }
 
-sockaddr_un address(const char *path)
-{
-    sockaddr_un made{};
-    made.sun_family = AF_UNIX;
-    ::strncpy(made.sun_path, path, sizeof made.sun_path - 1);
-    return made;
-}
-
-int boundTo(const char *path, int type)
+/// A socket bound or connected to the path.
+int socketAt(const char *path, int type, decltype(::connect) *how)
 {
     const int made = ::socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
-    const sockaddr_un where = address(path);
-    return ::bind(made, reinterpret_cast<const sockaddr *>(&where), sizeof where) == 0 ? made : -1;
-}
-
-int connectedTo(const char *path)
-{
-    const int made = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const sockaddr_un where = address(path);
-    return ::connect(made, reinterpret_cast<const sockaddr *>(&where), sizeof where) == 0 ? made : -1;
+    sockaddr_un where{};
+    where.sun_family = AF_UNIX;
+    ::strncpy(where.sun_path, path, sizeof where.sun_path - 1);
+    return how(made, reinterpret_cast<const sockaddr *>(&where), sizeof where) == 0 ? made : -1;
 }
 
 } // namespace
@@ -111,9 +99,10 @@ TEST(StandardOutput, IsKeptOutOfTheJournalAndNothingElse)
             onlyHere("/run");
             ::mkdir("/run/systemd", 0755);
             ::mkdir("/run/systemd/journal", 0755);
-            const int journal = boundTo("/run/systemd/journal/stdout", SOCK_STREAM);
+            constexpr char path[] = "/run/systemd/journal/stdout";
+            const int journal = socketAt(path, SOCK_STREAM, ::bind);
             ::listen(journal, 1);
-            ::_exit(staysAt(connectedTo("/run/systemd/journal/stdout")) ? 1 : 0);
+            ::_exit(staysAt(socketAt(path, SOCK_STREAM, ::connect)) ? 1 : 0);
         },
         testing::ExitedWithCode(0), "");
 }
@@ -137,7 +126,7 @@ TEST(SystemLog, WaitsForNoDaemonAndFindsTheNextOne)
                 char bytes[100]{};
                 ::close(std::exchange(log, -1));
                 ::unlink("/dev/log");
-                log = boundTo("/dev/log", SOCK_DGRAM);
+                log = socketAt("/dev/log", SOCK_DGRAM, ::bind);
                 ::alarm(5); // ends a write that waits
                 for (int i = 0; i < 1000; ++i)
                     SystemLog::write(QStringLiteral("line %1").arg(i));
