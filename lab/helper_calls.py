@@ -36,10 +36,15 @@ def run_arguments(config, up=SCRIPTS + "client.up"):
     return [f"{HELPER}.runOpenVPN", f"string:{config}", f"string:{up}", f"string:{SCRIPTS}client.down"]
 
 
-def helper_pid():
-    said = call("root", "org.freedesktop.DBus.GetConnectionUnixProcessID", f"string:{HELPER}",
+def owner(name):
+    """Whom the system bus takes for this name's process, or None."""
+    said = call("root", "org.freedesktop.DBus.GetConnectionUnixProcessID", f"string:{name}",
                 to="org.freedesktop.DBus", path="/")
     return int(said.split()[-1]) if "uint32" in said else None
+
+
+def helper_pid():
+    return owner(HELPER)
 
 
 def kill_helper():

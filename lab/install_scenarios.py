@@ -8,7 +8,7 @@ import subprocess
 import time
 
 import machine
-from helper_calls import HELPER, call, helper_pid, run_folder, start_helper
+from helper_calls import HELPER, call, helper_pid, owner, run_folder, start_helper
 from session import HERE, LOGS, wait_for
 from stage import Stage
 from traces import processes
@@ -285,12 +285,8 @@ def install_refused():
     stage.agent = None
     pathlib.Path("/usr/share/dbus-1/system-services/org.freedesktop.PolicyKit1.service").unlink()
     call("root", "org.freedesktop.DBus.ReloadConfig", to="org.freedesktop.DBus", path="/")
-    said = call("root", "org.freedesktop.DBus.GetConnectionUnixProcessID", "string:org.freedesktop.PolicyKit1",
-                to="org.freedesktop.DBus", path="/")
-    os.kill(int(said.split()[-1]), signal.SIGKILL)
-    wait_for("polkit's end", lambda: "Error" in call(
-        "root", "org.freedesktop.DBus.GetNameOwner", "string:org.freedesktop.PolicyKit1",
-        to="org.freedesktop.DBus", path="/"))
+    os.kill(owner("org.freedesktop.PolicyKit1"), signal.SIGKILL)
+    wait_for("polkit's end", lambda: not owner("org.freedesktop.PolicyKit1"))
     ends_with(stage, found, -60008)
     expect(installed_version() == "0.9.0", "something was installed")
 

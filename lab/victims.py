@@ -2,11 +2,12 @@
 import contextlib
 import os
 import pathlib
+import select
 import signal
 import subprocess
 
 import machine
-from helper_calls import HELPER, call, start_helper
+from helper_calls import call, helper_pid, owner, start_helper
 from session import HERE, LOGS, wait_for
 
 BUS = ("org.freedesktop.DBus", "/")
@@ -66,17 +67,21 @@ class Victim:
         self.find, self.start, self.restart = find, start, restart
 
     def hit(self, how):
-        """Kills it, stops it, or ends it in good order and starts it again; one that knows how restarts itself."""
+        """Kills it, stops it, or ends it in good order and starts it again; one that knows how restarts itself.
+
+        Its end is awaited to the last thread and socket, and until the bus knows about it: one whose memory is gone
+        already has its port and its name for a moment more, and the next one would not get them."""
         pid = self.find()
-        os.kill(pid, {"killed": signal.SIGKILL, "stopped": signal.SIGSTOP, "restarted": self.restart}[how])
-        if how == "stopped":
-            return lambda: os.kill(pid, signal.SIGCONT)
-        if how == "restarted":
-            with contextlib.suppress(ProcessLookupError):
-                os.kill(pid, signal.SIGCONT)  # the phase may have stopped it
-            if self.restart == signal.SIGHUP:
-                return lambda: None
-        wait_for("the victim's end", lambda: self.find() != pid)
+        with open(os.pidfd_open(pid), "rb", buffering=0) as process:
+            os.kill(pid, {"killed": signal.SIGKILL, "stopped": signal.SIGSTOP, "restarted": self.restart}[how])
+            if how == "stopped":
+                return lambda: os.kill(pid, signal.SIGCONT)
+            if how == "restarted":
+                with contextlib.suppress(ProcessLookupError):
+                    os.kill(pid, signal.SIGCONT)  # the phase may have stopped it
+                if self.restart == signal.SIGHUP:
+                    return lambda: None
+            wait_for("the victim's end", lambda: select.select([process], [], [], 0)[0] and self.find() != pid)
         if how == "killed":
             return self.start
         self.start()
@@ -87,10 +92,10 @@ def victims(stage):
     return {
         "client": Victim(lambda: None if stage.client.process.poll() is not None else stage.client.process.pid,
                          stage.start_client),
-        "helper": Victim(lambda: running("/" + HELPER), start_helper),
+        "helper": Victim(helper_pid, start_helper),
         "OpenVPN": Victim(machine.openvpn_pid, lambda: None, signal.SIGHUP),
         "account service": Victim(lambda: running("python3", "account_service.py"), start_account),
         "system bus": Victim(lambda: running("dbus-daemon", "--system", "--nopidfile"), start_bus),
-        "polkit": Victim(lambda: running("/polkitd"), start_polkit),
+        "polkit": Victim(lambda: owner(POLKIT), start_polkit),
         "OpenVPN server": Victim(server_pid, lambda: machine.server("start")),
     }
