@@ -69,12 +69,18 @@ def reply_from_inside():
         return None
 
 
+def ping():
+    """What ping says of a reply through the tunnel, or None without one."""
+    done = subprocess.run(["ping", "-c1", "-W5", INSIDE], capture_output=True, text=True, check=False)
+    return None if done.returncode else next(line for line in done.stdout.splitlines() if "time=" in line)
+
+
 def check_connected():
     """Traffic, both kinds, goes through the tunnel, and names are asked of the server behind it."""
-    ping = subprocess.run(["ping", "-c1", "-W5", INSIDE], capture_output=True, text=True, check=False)
-    if ping.returncode:
-        raise Failure(f"no ping through the tunnel: {ping.stdout}")
-    print("  ping:", next(line for line in ping.stdout.splitlines() if "time=" in line))
+    answered = ping()
+    if not answered:
+        raise Failure("no ping through the tunnel")
+    print("  ping:", answered)
     reply = wait_for("the page behind the tunnel", reply_from_inside)
     print("  page behind the tunnel:", reply)
     if not reply.startswith("You are 10.8.0."):

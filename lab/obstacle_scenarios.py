@@ -5,6 +5,7 @@ import pathlib
 import shutil
 import socket
 import subprocess
+import time
 
 import machine
 import plain
@@ -171,6 +172,7 @@ def meet(stage, obstacle, later, ends, says):
         stack.enter_context(later())
         if ends == CONNECTING:
             wait_for("the client to have found the stranger", lambda: told_the_password(stage, click))
+            time.sleep(0.5)  # the reader looks ten times a second
             expect(stage.person.do("window")["title"] == CONNECTING, "the form does not wait")
         else:
             print(f'  button "{ends}" after {stage.person.sees(ends, click) - click:.1f} s')

@@ -1,5 +1,6 @@
 """Everything that a tunnel could leave behind, and whether it did."""
 import collections
+import contextlib
 import os
 import pathlib
 import time
@@ -27,7 +28,10 @@ def descriptors(pid):
 
 def threads(pid):
     """How many of each name. Those of Qt's pool end when they have been idle for half a minute."""
-    names = [path.read_text().strip() for path in pathlib.Path(f"/proc/{pid}/task").glob("*/comm")]
+    names = []
+    for path in pathlib.Path(f"/proc/{pid}/task").glob("*/comm"):
+        with contextlib.suppress(OSError):  # it has just ended
+            names.append(path.read_text().strip())
     return collections.Counter(name for name in names if not name.startswith("Thread (pooled"))
 
 
@@ -42,6 +46,13 @@ def processes(dead=False):
         if state.split()[0].startswith("Z") == dead:
             names.append(name)
     return collections.Counter(names)
+
+
+def nobody_waits_for():
+    """The processes that have ended and stay so."""
+    with contextlib.suppress(Failure):
+        wait_for("somebody to wait for every ended process", lambda: not processes(dead=True), 5)
+    return sorted(processes(dead=True))
 
 
 def traces(stage):

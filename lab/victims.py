@@ -8,7 +8,7 @@ import subprocess
 
 import machine
 from helper_calls import call, helper_pid, owner, start_helper
-from session import HERE, LOGS, wait_for
+from session import HERE, LOGS, Failure, wait_for
 
 BUS = ("org.freedesktop.DBus", "/")
 POLKIT = "org.freedesktop.PolicyKit1"
@@ -58,8 +58,20 @@ def start_bus():
 
 def server_pid():
     """A killed one leaves its file."""
-    pid = SERVER_PID.read_text(encoding="ascii").strip() if SERVER_PID.exists() else ""
+    pid = ""
+    with contextlib.suppress(FileNotFoundError):
+        pid = SERVER_PID.read_text(encoding="ascii").strip()
     return int(pid) if pid and os.path.exists(f"/proc/{pid}") else None
+
+
+def start_server():
+    machine.server("start")
+    wait_for("the OpenVPN server", server_pid)
+
+
+def wake(pid):
+    with contextlib.suppress(ProcessLookupError):
+        os.kill(pid, signal.SIGCONT)
 
 
 class Victim:
@@ -72,13 +84,14 @@ class Victim:
         Its end is awaited to the last thread and socket, and until the bus knows about it: one whose memory is gone
         already has its port and its name for a moment more, and the next one would not get them."""
         pid = self.find()
+        if not pid:
+            raise Failure("the victim is not there")
         with open(os.pidfd_open(pid), "rb", buffering=0) as process:
             os.kill(pid, {"killed": signal.SIGKILL, "stopped": signal.SIGSTOP, "restarted": self.restart}[how])
             if how == "stopped":
-                return lambda: os.kill(pid, signal.SIGCONT)
+                return lambda: wake(pid)
             if how == "restarted":
-                with contextlib.suppress(ProcessLookupError):
-                    os.kill(pid, signal.SIGCONT)  # the phase may have stopped it
+                wake(pid)  # the phase may have stopped it
                 if self.restart == signal.SIGHUP:
                     return lambda: None
             wait_for("the victim's end", lambda: select.select([process], [], [], 0)[0] and self.find() != pid)
@@ -97,5 +110,5 @@ def victims(stage):
         "account service": Victim(lambda: running("python3", "account_service.py"), start_account),
         "system bus": Victim(lambda: running("dbus-daemon", "--system", "--nopidfile"), start_bus),
         "polkit": Victim(lambda: owner(POLKIT), start_polkit),
-        "OpenVPN server": Victim(server_pid, lambda: machine.server("start")),
+        "OpenVPN server": Victim(server_pid, start_server),
     }
