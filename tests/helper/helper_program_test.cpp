@@ -155,10 +155,10 @@ TEST_F(HelperTest, withoutAWatchAFreshOpenvpnTakesThePlaceOfTheRunningOne)
     bus.activate(name, command(60'000, 10'000) << u"unwatched"_s);
     const auto first = run();
     ASSERT_TRUE(ready());
+    QFile::remove(path(u"ready"));
     const auto second = run();
     EXPECT_EQ(outcome(first), "7");
     EXPECT_TRUE(waitFor([&] { return contents(path(u"started")).count('\n') == 2; }));
-    QFile::remove(path(u"ready"));
     ASSERT_TRUE(ready());
     EXPECT_EQ(outcome(send(u"killOpenVPN"_s)), "");
     EXPECT_EQ(outcome(second), "7");
@@ -214,7 +214,8 @@ TEST_F(HelperTest, anotherUserCanNeitherTakeOverNorEndTheTunnel)
     ASSERT_TRUE(ready());
     EXPECT_THAT(sendAsOther("runOpenVPN string:/x string:/x string:/x"), HasSubstr("Error.Busy"));
     EXPECT_THAT(sendAsOther("killOpenVPN"), HasSubstr("Error.NotAuthorized"));
-    EXPECT_FALSE(mine.isFinished());
+    EXPECT_FALSE(waitFor([&] { return mine.isFinished(); }, std::chrono::milliseconds(300)));
+    EXPECT_EQ(contents(path(u"started")).count('\n'), 1);
 }
 
 TEST_F(HelperTest, theFilesOfARequestAreReadWithTheRightsOfItsSender)

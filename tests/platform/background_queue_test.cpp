@@ -40,8 +40,9 @@ TEST(BackgroundQueueDeathTest, WakesSleepersAtTheEndAndTakesNoMoreWork)
         const BackgroundQueue::Member member([] { ++laps; });
         const bool lapping = waitFor([] { return laps == 1; });
         const bool memberStillThere = !BackgroundQueue::finish(100ms);
+        const bool bothWoke = waitFor([] { return laps == 3; });
         BackgroundQueue::async([] { laps += 100; });
-        std::exit(lapping && memberStillThere && laps == 3 ? 0 : 1);
+        std::exit(lapping && memberStillThere && bothWoke && laps == 3 ? 0 : 1);
     };
     EXPECT_EXIT(end(), testing::ExitedWithCode(0), "");
 }
