@@ -3,19 +3,17 @@
 #include "tcp_client.h"
 
 #include <QByteArray>
+#include <QObject>
 
 #include <atomic>
 #include <condition_variable>
 #include <mutex>
 
 /// The client end of OpenVPN's management interface, 127.0.0.1 port 1337, where a listener counts only if it is root's
-/// or the person's own. Owned by the tunnel service for the life of
-/// the process: the reader refers to it without end.
-class OpenVPNManagement {
+/// or the person's own. Owned by the tunnel service for the life of the process: the reader refers to it without end.
+class OpenVPNManagement final : public QObject {
 public:
     OpenVPNManagement();
-    OpenVPNManagement(const OpenVPNManagement &) = delete;
-    OpenVPNManagement &operator=(const OpenVPNManagement &) = delete;
 
     /// The connection. The tunnel service connects it; a later connect replaces an earlier one under the reader.
     TCPClient socket;
