@@ -89,8 +89,6 @@ QNetworkRequest prepared(const HttpRequest &request)
     // A request on a connection that the server has meanwhile given up fails, so only a request that follows at once
     // gets an old one.
     made.setAttribute(QNetworkRequest::ConnectionCacheExpiryTimeoutSecondsAttribute, reuseLimit);
-    if (request.last)
-        made.setRawHeader("Connection", "close");
     if (!request.authorization.isEmpty())
         made.setRawHeader("Authorization", request.authorization);
     if (request.method == HttpRequest::Method::post)
