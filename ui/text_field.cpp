@@ -2,8 +2,11 @@
 
 #include <QGuiApplication>
 #include <QPainter>
+#include <QRegularExpression>
 #include <QStyleHints>
 #include <QTimerEvent>
+
+using namespace Qt::StringLiterals;
 
 namespace {
 
@@ -17,6 +20,7 @@ TextField::TextField(QWidget *parent) : QLineEdit(parent)
     setTextMargins(-ownMargin, aboveText, -ownMargin, aboveText); // the text begins where the line under it does
     connect(this, &QLineEdit::cursorPositionChanged, this, &TextField::showCaret);
     connect(this, &QLineEdit::textChanged, this, &TextField::showCaret);
+    connect(this, &QLineEdit::textEdited, this, &TextField::removeLineEnds);
 }
 
 void TextField::setCaretColor(QColor color)
@@ -54,6 +58,17 @@ void TextField::timerEvent(QTimerEvent *event)
         return QLineEdit::timerEvent(event);
     caretShown_ = !caretShown_;
     update();
+}
+
+void TextField::removeLineEnds(const QString &edited)
+{
+    static const QRegularExpression lineEnd(u"[\r\n]"_s);
+    if (!edited.contains(lineEnd))
+        return;
+    QString kept = edited;
+    const qsizetype caret = QString(edited).left(cursorPosition()).remove(lineEnd).size();
+    setText(kept.remove(lineEnd));
+    setCursorPosition(static_cast<int>(caret));
 }
 
 void TextField::showCaret()

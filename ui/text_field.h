@@ -4,7 +4,8 @@
 #include <QLineEdit>
 
 /// A line edit that draws its caret itself: Qt's own is the inverse of what is under it, which is white on black
-/// alone. The application's style hides that one. Main thread.
+/// alone. The application's style hides that one. What is pasted loses its line ends, which nobody would see. Main
+/// thread.
 class TextField final : public QLineEdit {
     Q_OBJECT
 
@@ -22,6 +23,7 @@ protected:
 
 private:
     void showCaret();
+    void removeLineEnds(const QString &edited);
 
     QColor caretColor_ = Qt::white;
     QBasicTimer blink_;

@@ -6,6 +6,7 @@
 #include "wait_for.h"
 
 #include <QCheckBox>
+#include <QClipboard>
 #include <QDesktopServices>
 #include <QLabel>
 #include <QPushButton>
@@ -214,6 +215,20 @@ TEST_F(FormTest, ThePointerIsAHandOverEveryButton)
     EXPECT_EQ(seen, 5);
     EXPECT_NE(form().emailEdit->cursor().shape(), Qt::PointingHandCursor);
     closeAlert();
+
+    // A disabled one has the pointer of what it lies on.
+    EXPECT_EQ(form().rememberCheck->parentWidget()->cursor().shape(), Qt::PointingHandCursor);
+    EXPECT_NE(form().rememberCheck->parentWidget(), &form());
+}
+
+TEST_F(FormTest, APastedLineEndIsNoPartOfTheText)
+{
+    QApplication::clipboard()->setText(u"se\ncret \r\n"_s);
+    form().passwordEdit->setText(u"ab"_s);
+    form().passwordEdit->setCursorPosition(1);
+    form().passwordEdit->paste();
+    EXPECT_EQ(form().passwordEdit->text(), u"asecret b"_s);
+    EXPECT_EQ(form().passwordEdit->cursorPosition(), 8);
 }
 
 TEST_F(FormTest, NothingIsCutOrCoveredAndTheWindowKeepsItsSizeInEveryLook)
