@@ -7,6 +7,7 @@ import time
 import machine
 import plain
 from helper_calls import CANONICAL, HELPER, call, expect, hand_out, own_file, run_arguments, run_folder, send, start_helper
+from session import as_user
 from stage import Stage
 
 
@@ -48,8 +49,7 @@ def race(runs=1000):
     good = (plain.profile() + "# plugin /tmp/x.so\n").encode()
     profile = own_file("race.ovpn", good.decode())
     changes = subprocess.Popen(
-        ["setpriv", "--reuid=ana", "--regid=ana", "--init-groups", "/usr/bin/python3", "-c", REWRITER, str(profile),
-         str(good.index(b"# plugin"))], stdout=subprocess.PIPE, text=True)
+        as_user("ana", ["/usr/bin/python3", "-c", REWRITER, profile, good.index(b"# plugin")]), stdout=subprocess.PIPE, text=True)
     start_helper()
     ends, began = collections.Counter(), time.monotonic()
     while sum(ends.values()) < runs and time.monotonic() - began < 120:

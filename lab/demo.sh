@@ -1,16 +1,21 @@
-#!/bin/sh
+#!/bin/bash
 # The demonstration: a private machine with an account service, an OpenVPN server and a screen of its own, in which the
 # installed client is driven like a person would. Everything in it ends with this command.
 #
 # usage: lab/demo.sh [SCENARIO [ARGUMENT]] one of those in scenario.py; connect, where none is named
 #        lab/demo.sh shell [COMMAND…]    a command (or a shell) inside the machine, its services running
 #        lab/demo.sh check               says whether this system lets the lab be made, and starts nothing
-# MANUAL=1 opens the client on the display that is there and leaves it to the person. BUILD=build/asan installs what a
-# sanitized build made.
-set -eu
+# MANUAL=1 opens the client on the display that is there and leaves it to the person.
+# BUILD=build/asan installs what a sanitized build made; BUILD=build/NAME.deb installs a package.
+# ROOT=FOLDER is the root folder of another Debian for the machine; it stays as it is.
+# INIT=none does without systemd, which otherwise is the machine's first process where it is installed.
+# OUT=build/NAME takes what the machine says and shows, build/demo where it is not set.
+set -euo pipefail
 
 lab=$(cd "$(dirname "$0")" && pwd)
 repo=$(dirname "$lab")
+root=$(readlink -f "${ROOT:-/}")
+export BUILD=${BUILD:-build} OUT=${OUT:-build/demo}
 
 sorry() {
     echo "The lab cannot start: $1" >&2
@@ -19,29 +24,83 @@ sorry() {
 
 if [ "$(id -u)" -ne 0 ]; then
     command -v sudo >/dev/null || sorry "it makes namespaces and a tunnel, which needs root, and there is no sudo."
-    exec sudo --preserve-env=DISPLAY,XAUTHORITY,MANUAL,BUILD "$0" "$@"
+    exec sudo --preserve-env=DISPLAY,XAUTHORITY,MANUAL,BUILD,ROOT,INIT,OUT "$0" "$@"
 fi
 [ -c /dev/net/tun ] || sorry "/dev/net/tun is missing, so OpenVPN could make no tunnel (try: modprobe tun)."
 unshare --mount --net --pid --ipc --fork true 2>/dev/null || sorry "this system does not let root make namespaces."
 [ -z "${MANUAL:-}" ] || [ -n "${DISPLAY:-}" ] || sorry "MANUAL=1 needs a display, and DISPLAY is not set."
+groups=$(findmnt --noheadings --first-only --types cgroup2 --output TARGET || true)
+if [ -z "${INIT:-}" ]; then
+    INIT=none
+    [ -z "$groups" ] || [ ! -x "$root/lib/systemd/systemd" ] || INIT=systemd
+fi
+[ "$INIT" = none ] || [ -n "$groups" ] || sorry "systemd needs control groups of the second version (cgroup2)."
 [ "${1:-}" != check ] || exit 0
-[ -f "$repo/${BUILD:-build}/cmake_install.cmake" ] || sorry "nothing is built yet (try: make build)."
-for tool in openvpn Xvfb xprop tint2 openbox xdotool strace dbus-daemon openssl ip ping convert setpriv; do
-    command -v "$tool" >/dev/null || sorry "the program $tool is missing (try: make packages)."
+[ -f "$repo/$BUILD" ] || [ -f "$repo/$BUILD/cmake_install.cmake" ] || sorry "nothing is built yet (try: make build)."
+for tool in openvpn Xvfb xprop tint2 xdotool dbus-daemon openssl ip ping convert setpriv; do
+    chroot "$root" which "$tool" >/dev/null || sorry "the program $tool is missing (try: make packages)."
 done
 
-pictures=$repo/build/demo
+said=$repo/$OUT
 stage=$(mktemp -d)
-trap 'rm -f "$stage/before"; rmdir "$stage"' EXIT
+group=
+tidy() {
+    # What the machine's systemd has made below this goes from the leaves up, once the kernel has ended the processes.
+    [ -z "$group" ] || find "$group" -depth -type d -exec rmdir {} + 2>/dev/null || true
+    rm -f "$stage/before"
+    rmdir "$stage"
+}
+trap tidy EXIT
 trap 'exit 130' INT TERM
-rm -rf "$pictures"
-mkdir -p "$pictures"
+rm -rf "$said"
+mkdir -p "$said"
 "$lab/leftovers.sh" note >"$stage/before"
 
-status=0
-unshare --mount --net --pid --ipc --fork --kill-child --propagation private \
-    "$lab/root.sh" "$stage" "$repo" "$@" || status=$?
+machine=(unshare --mount --net --pid --ipc --uts --fork --kill-child --propagation private)
+first=
+halt() {
+    [ -z "$first" ] || kill -9 "$first" 2>/dev/null || true
+    wait "$outer" 2>/dev/null || true
+}
+inside() { nsenter -t "$first" -m -n -p -i -u -C -- "$@"; }
+# The first process of the machine, and with it every other one, ends with this command.
+boot() {
+    group=$groups$(sed -n 's/^0:://p' /proc/self/cgroup)/corvale-lab-$$
+    mkdir "$group"
+    (
+        echo 0 >"$group/cgroup.procs"
+        exec "${machine[@]}" --cgroup "$lab/root.sh" "$root" "$stage" "$repo" systemd
+    ) </dev/null >"$said/boot" 2>&1 &
+    outer=$!
+    trap 'halt; tidy' EXIT
+    for _ in $(seq 300); do
+        first=$(pgrep -P "$outer" || true)
+        if [ -n "$first" ] && nsenter -t "$first" -m -- test -S /run/systemd/private 2>/dev/null; then
+            inside systemctl is-system-running --wait >/dev/null || true # a unit of the host's may fail
+            return
+        fi
+        kill -0 "$outer" 2>/dev/null || break
+        sleep 0.05
+    done
+    cat "$said/boot" >&2
+    sorry "systemd does not boot."
+}
 
-chown -R "$(stat -c %u:%g "$repo/build")" "$pictures"
-"$lab/leftovers.sh" compare "$stage/before" "$pictures" || status=1
+status=0
+if [ "$INIT" = systemd ]; then
+    boot
+    way=--pipe
+    [ ! -t 0 ] || [ ! -t 1 ] || way=--pty
+    # As a service of that system: its processes are in a place of their own there, like everybody's.
+    inside systemd-run --quiet --collect --wait "$way" --unit=lab --working-directory="$repo" \
+        --setenv=HOME=/root --setenv=BUILD="$BUILD" --setenv=OUT="$OUT" --setenv=TERM="${TERM:-dumb}" \
+        ${MANUAL:+--setenv=MANUAL=1 --setenv=DISPLAY="$DISPLAY"} \
+        "$lab/machine.sh" "$@" || status=$?
+    halt
+else
+    "${machine[@]}" "$lab/root.sh" "$root" "$stage" "$repo" "$lab/machine.sh" "$@" || status=$?
+fi
+
+chown -R "$(stat -c %u:%g "$repo/build")" "$said"
+"$lab/leftovers.sh" compare "$stage/before" "$said" || status=1
 exit "$status"

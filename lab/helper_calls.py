@@ -6,7 +6,7 @@ import signal
 import subprocess
 
 import plain
-from session import wait_for
+from session import as_user, wait_for
 from stage import Stage
 
 HELPER = "com.corvale.macos.helper"
@@ -22,8 +22,8 @@ expect = Stage.expect
 def send(user, member, *arguments, to=HELPER, path="/com/corvale/macos/helper", **options):
     """A program of `user` sends one message; its output ends with the answer."""
     return subprocess.Popen(
-        ["setpriv", f"--reuid={user}", f"--regid={user}", "--init-groups", "dbus-send", "--system", "--print-reply",
-         "--reply-timeout=60000", f"--dest={to}", path, member, *arguments],
+        as_user(user, ["dbus-send", "--system", "--print-reply", "--reply-timeout=60000", f"--dest={to}", path, member,
+                       *arguments]),
         stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, **options,
     )
 

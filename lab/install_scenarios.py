@@ -9,7 +9,7 @@ import time
 
 import machine
 from helper_calls import HELPER, call, helper_pid, owner, run_folder, start_helper
-from session import HERE, LOGS, wait_for
+from session import HERE, LOGS, as_user, wait_for
 from stage import Stage
 from traces import processes
 
@@ -79,10 +79,9 @@ def make_administrator():
     """The person's password counts as an administrator's."""
     hashed = subprocess.run(["openssl", "passwd", "-6", PASSWORD], capture_output=True, text=True, check=True).stdout.strip()
     shadow, group = pathlib.Path("/etc/shadow"), pathlib.Path("/etc/group")
-    if "\nana:" in shadow.read_text(encoding="utf-8"):
+    if "\nana:*:" not in shadow.read_text(encoding="utf-8"):
         return
-    with open(shadow, "a", encoding="utf-8") as file:
-        file.write(f"ana:{hashed}:19000::::::\n")
+    shadow.write_text(shadow.read_text(encoding="utf-8").replace("\nana:*:", f"\nana:{hashed}:"), encoding="utf-8")
     group.write_text(re.sub(r"^(sudo:.*)$", r"\1ana", group.read_text(encoding="utf-8"), flags=re.M), encoding="utf-8")
     pathlib.Path("/run/lab/person/agent.py").write_bytes((HERE / "agent.py").read_bytes())
 
@@ -293,8 +292,8 @@ def install_refused():
 
 def checked():
     """What polkit says of some process of the person's, without asking anybody."""
-    return subprocess.run(["setpriv", "--reuid=ana", "--regid=ana", "--init-groups", "sh", "-c",
-                           f"exec pkcheck --action-id {ACTION} --process $$"], capture_output=True, text=True, check=False).stderr
+    return subprocess.run(as_user("ana", ["sh", "-c", f"exec pkcheck --action-id {ACTION} --process $$"]),
+                          capture_output=True, text=True, check=False).stderr
 
 
 def ends_with(stage, found, code, prompts=0, running=False):

@@ -1,6 +1,6 @@
 #!/bin/bash
-# The first process of the private machine: its people, its networks, its services, the product; then what was asked
-# for. When it ends, the kernel ends every other process of the machine.
+# What makes a private machine out of a root folder: its people, its networks, its services, the product; then what was
+# asked for. With systemd it is a service of that machine, else its first process.
 #
 #   client machine 198.51.100.2 ── 198.51.100.1 "internet" ── 10.77.0.2 "behind" 10.77.0.1
 #                                  203.0.113.10 account service             only through the tunnel
@@ -9,9 +9,10 @@ set -euo pipefail
 
 lab=$(cd "$(dirname "$0")" && pwd)
 repo=$(dirname "$lab")
-said=$repo/build/demo
+said=$repo/$OUT
 log=/var/log/lab
 person=ana
+booted() { [ -d /run/systemd/system ]; }
 
 finish() {
     status=$?
@@ -42,13 +43,15 @@ people() {
     local id=${SUDO_UID:-1000} file
     [ "$id" -ne 0 ] || id=1000
     for file in passwd group; do sed -i -E "/^$person:|^[^:]*:[^:]*:$id:/d" "/etc/$file"; done
+    sed -i "/^$person:/d" /etc/shadow
+    echo "$person:*:19000::::::" >>/etc/shadow
     echo "$person:x:$id:$id:Ana:/home/$person:/bin/sh" >>/etc/passwd
     echo "$person:x:$id:" >>/etc/group
     # Two others, who only talk to the helper.
     printf '%s\n' berta:x:61001:61001::/:/bin/sh carla:x:61002:61002::/:/bin/sh >>/etc/passwd
     printf '%s\n' berta:x:61001: carla:x:61002: >>/etc/group
-    install -d -m 700 -o "$id" -g "$id" "/home/$person" "/run/user" "/run/user/$id"
-    chmod 755 /run/user
+    install -d -m 700 -o "$id" -g "$id" "/home/$person"
+    booted || { mkdir /run/user && install -d -m 700 -o "$id" -g "$id" "/run/user/$id"; }
     # The checkout may lie where this person may not look, such as root's home.
     install -D -m 644 -t /run/lab/person "$lab/person.py" "$lab/status_notifier.py" "$lab/tint2rc"
     if [ -f /run/lab/xauthority ]; then chown "$id" /run/lab/xauthority; fi
@@ -94,11 +97,34 @@ trust() {
     cat /etc/lab/authority.crt >>"$certificates/ca-certificates.crt"
 }
 
+# Whom a rule allows what a person may who sits at the machine.
+allow() {
+    mkdir -p /etc/polkit-1/rules.d
+    sed "s/PEOPLE/$(printf '"%s",' "$@")/" "$lab/people.rules" >/etc/polkit-1/rules.d/10-lab.rules
+}
+
+# The person signs in at the machine's seat, as a display manager would have her do.
+sign_in() {
+    printf '%s\n' 'auth required pam_permit.so' 'account required pam_permit.so' 'session required pam_systemd.so' \
+        >/etc/pam.d/lab
+    systemd-run --quiet --unit=lab-session --property=User="$person" --property=PAMName=lab \
+        --setenv=XDG_SEAT=seat0 --setenv=XDG_SESSION_TYPE=x11 --setenv=XDG_SESSION_CLASS=user sleep infinity
+    settled "person's session" pgrep -xu "$person" sleep
+    # What she runs from here on belongs to that session.
+    sed -n 's|^0::\(.*\)$|/sys/fs/cgroup\1/cgroup.procs|p' "/proc/$(pgrep -xu "$person" sleep)/cgroup" >/run/lab/session
+}
+
 bus_call() { dbus-send --system --print-reply --dest=org.freedesktop.DBus / "org.freedesktop.DBus.$1" "${@:2}"; }
 
 bus_and_rights() {
-    # Without a login manager nobody counts as sitting at the machine, so the rule says who may.
-    install -D -m 644 "$lab/person.rules" /etc/polkit-1/rules.d/10-lab.rules
+    if booted; then
+        bus_call ReloadConfig >/dev/null
+        allow carla
+        sign_in
+        return
+    fi
+    # Without a login manager nobody counts as sitting at the machine.
+    allow "$person" carla
     dbus-uuidgen --ensure=/etc/machine-id
     mkdir -p /run/dbus
     dbus-daemon --system --nofork --nopidfile >"$log/bus" 2>&1 &
@@ -107,11 +133,13 @@ bus_and_rights() {
 }
 
 servers() {
-    /usr/bin/python3 "$lab/system_log.py" "$log/system" &
+    local incoming=/dev/log
+    ! booted || incoming=/run/systemd/journal/syslog
+    /usr/bin/python3 "$lab/system_log.py" "$incoming" "$log/system" &
     ip netns exec internet /usr/bin/python3 "$lab/account_service.py" "$log/account" 2>"$log/account_errors" &
     ip netns exec behind /usr/bin/python3 "$lab/inner_service.py" 2>"$log/inner" &
     "$lab/openvpn_server.sh" start
-    settled "system log" test -S /dev/log
+    settled "system log" test -S "$incoming"
     settled "account service" bash -c ': </dev/tcp/203.0.113.10/443'
     settled "OpenVPN server" grep -q "Initialization Sequence Completed" "$log/server"
     settled "service behind the tunnel" ip netns exec behind bash -c ': </dev/tcp/10.77.0.1/80'
@@ -122,7 +150,12 @@ people
 networks
 trust
 servers
-cmake --install "$repo/${BUILD:-build}" --prefix /usr >"$log/install"
+if [ -f "$repo/$BUILD" ]; then
+    apt-get install -y --no-install-recommends "$repo/$BUILD" >"$log/install" 2>&1 || { cat "$log/install" >&2; exit 1; }
+else
+    cmake --install "$repo/$BUILD" --prefix /usr >"$log/install"
+    ! booted || systemctl daemon-reload
+fi
 bus_and_rights
 
 if [ "${1:-}" = shell ]; then

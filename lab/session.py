@@ -12,7 +12,8 @@ import time
 HERE = pathlib.Path(__file__).parent
 PERSONAL = pathlib.Path("/run/lab/person")  # what the person runs and reads herself
 BUILD = HERE.parent / (os.environ.get("BUILD") or "build")
-PICTURES = HERE.parent / "build" / "demo"
+PICTURES = HERE.parent / (os.environ.get("OUT") or "build/demo")
+BOOTED = os.path.isdir("/run/systemd/system")
 LOGS = pathlib.Path("/var/log/lab")
 
 
@@ -30,6 +31,15 @@ def wait_for(what, condition, limit=20.0):
         if time.monotonic() > deadline:
             raise Failure(f"{what}: not within {limit:g} s")
         time.sleep(0.01)
+
+
+def as_user(user, arguments):
+    """The command with the user's rights and nothing else; the person's is part of her session at the seat."""
+    command = ["setpriv", f"--reuid={user}", f"--regid={user}", "--init-groups", *map(str, arguments)]
+    if user != "ana" or not BOOTED:
+        return command
+    session = pathlib.Path("/run/lab/session").read_text(encoding="ascii").strip()
+    return ["sh", "-c", 'echo 0 >"$0" && exec "$@"', session, *command]
 
 
 class Program:
@@ -76,8 +86,11 @@ class Session:
                 self.environment["XAUTHORITY"] = "/run/lab/xauthority"
         else:
             self._start_screen(size)
-        self.run("dbus-daemon", "--session", "--nofork", f"--address={self.environment['DBUS_SESSION_BUS_ADDRESS']}")
+        if not os.path.exists(f"{runtime}/bus"):  # the person's systemd has one
+            self.run("dbus-daemon", "--session", "--nofork", f"--address={self.environment['DBUS_SESSION_BUS_ADDRESS']}")
         wait_for("session bus", lambda: os.path.exists(f"{runtime}/bus"))
+        if BOOTED:
+            self.run("dbus-update-activation-environment", "--systemd", "DISPLAY", "QT_LINUX_ACCESSIBILITY_ALWAYS_ON").wait()
         if bare:
             self.run("openbox")
             wait_for("window manager", lambda: self.output("xprop", "-root", "_NET_SUPPORTING_WM_CHECK").count("#"))
@@ -115,7 +128,7 @@ class Session:
 
     @staticmethod
     def as_person(arguments):
-        return ["setpriv", "--reuid=ana", "--regid=ana", "--init-groups", *arguments]
+        return as_user("ana", arguments)
 
     def client(self, **environment):
         """The installed client."""
