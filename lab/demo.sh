@@ -89,13 +89,10 @@ boot() {
 status=0
 if [ "$INIT" = systemd ]; then
     boot
-    way=--pipe
-    [ ! -t 0 ] || [ ! -t 1 ] || way=--pty
-    # As a service of that system: its processes are in a place of their own there, like everybody's.
-    inside systemd-run --quiet --collect --wait "$way" --unit=lab --working-directory="$repo" \
-        --setenv=HOME=/root --setenv=BUILD="$BUILD" --setenv=OUT="$OUT" --setenv=TERM="${TERM:-dumb}" \
-        ${MANUAL:+--setenv=MANUAL=1 --setenv=DISPLAY="$DISPLAY"} \
-        "$lab/machine.sh" "$@" || status=$?
+    # In a group of its own beside those of the machine's services, and without the help of a bus that it may kill.
+    inside env -i PATH="$PATH" HOME=/root TERM="${TERM:-dumb}" BUILD="$BUILD" OUT="$OUT" MANUAL="${MANUAL:-}" \
+        ${DISPLAY:+DISPLAY="$DISPLAY"} sh -ec 'mkdir /sys/fs/cgroup/lab; echo 0 >/sys/fs/cgroup/lab/cgroup.procs
+        cd "$0"; exec lab/machine.sh "$@"' "$repo" "$@" || status=$?
     halt
 else
     "${machine[@]}" "$lab/root.sh" "$root" "$stage" "$repo" "$lab/machine.sh" "$@" || status=$?

@@ -1,0 +1,29 @@
+#!/bin/bash
+# Every scenario, with systemd and without it, several side by side, each in a machine of its own. What each one said
+# stays in build/lab/; the end names those that failed.
+# usage: all.sh [SCENARIO…]          JOBS=N how many at once
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+# The longest first.
+scenarios=(faults "soak 100" steps obstacles kills install race cycles profiles pictures install-refused package quit
+    tray keyboard takeover reopen refusals confined server-restart server-late server-reset reuse wrong-password rejected
+    reader no-bus connect window-figures click-figures)
+[ $# -eq 0 ] || scenarios=("$@")
+
+one() {
+    local name=$1-${2// /-} began=$SECONDS
+    # shellcheck disable=SC2086 # a scenario and its argument
+    if INIT=$1 OUT=build/lab/$name lab/demo.sh $2 >"build/lab/$name.log" 2>&1 </dev/null; then
+        echo "passed: $2 ($1), $((SECONDS - began)) s"
+    else
+        echo "FAILED: $2 ($1), $((SECONDS - began)) s: build/lab/$name.log"
+        tail -n 30 "build/lab/$name.log" | sed 's/^/    | /'
+        return 1
+    fi
+}
+export -f one
+
+mkdir -p build/lab
+for scenario in "${scenarios[@]}"; do printf '%s\0' systemd "$scenario" none "$scenario"; done |
+    xargs -0 -n 2 -P "${JOBS:-3}" bash -c 'one "$@"' one
