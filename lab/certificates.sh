@@ -10,7 +10,8 @@ cd "$1"
 
 authority() { # NAME
     openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 2 \
-        -subj "/CN=Corvale lab $1" -keyout "$1.key" -out "$1.crt" 2>/dev/null
+        -subj "/CN=Corvale lab $1" -addext keyUsage=critical,keyCertSign,cRLSign \
+        -keyout "$1.key" -out "$1.crt" 2>/dev/null
 }
 
 certificate() { # AUTHORITY NAME HOST

@@ -1,17 +1,18 @@
 #include "info_dictionary.h"
 
-#include "exact_text.h"
 #include "whole_file.h"
 
 #include <QByteArray>
 #include <QFile>
+#include <QXmlStreamReader>
 
 #include <cstring>
 #include <fcntl.h>
 #include <gelf.h>
 #include <memory>
-#include <plist/plist.h>
 #include <unistd.h>
+
+using namespace Qt::StringLiterals;
 
 namespace {
 
@@ -20,7 +21,6 @@ constexpr size_t largestList = 65536;
 constexpr size_t mostSections = 256;
 
 using ElfFile = std::unique_ptr<Elf, decltype([](Elf *elf) { elf_end(elf); })>;
-using Node = std::unique_ptr<void, decltype([](plist_t node) { plist_free(node); })>;
 
 /// The section's bytes, as they lie in the file; empty when it is missing or larger than any list.
 QByteArray sectionBytes(Elf *elf)
@@ -47,13 +47,35 @@ QByteArray sectionBytes(Elf *elf)
     return {};
 }
 
-Node parsed(const QByteArray &list)
+/// What stands under `key` in the outermost dictionary of the list. The last one counts.
+std::optional<QString> textInList(const QByteArray &list, QLatin1StringView key)
 {
-    plist_t root = nullptr;
-    // The XML form alone: in the binary one a few bytes can stand for a tree that fills the memory.
-    if (!list.isEmpty())
-        plist_from_xml(list.constData(), static_cast<uint32_t>(list.size()), &root);
-    return Node(root);
+    // A list declares nothing of its own: a few bytes could stand for a text that fills the memory.
+    if (!list.isValidUtf8() || list.contains("<!ENTITY") || list.contains("<!ATTLIST"))
+        return std::nullopt;
+    // As text, since bytes could name another encoding, in which they say something else.
+    QXmlStreamReader xml(QString::fromUtf8(list));
+    xml.setNamespaceProcessing(false);
+    std::optional<QString> found;
+    if (!xml.readNextStartElement() || xml.name() != "plist"_L1 || !xml.readNextStartElement() ||
+        xml.name() != "dict"_L1)
+        return std::nullopt;
+    while (xml.readNextStartElement()) {
+        if (xml.name() != "key"_L1) {
+            xml.skipCurrentElement();
+        } else if (xml.readElementText() == key) {
+            found.reset();
+            if (!xml.readNextStartElement())
+                break;
+            if (xml.name() == "string"_L1)
+                found = xml.readElementText();
+            else
+                xml.skipCurrentElement();
+        }
+    }
+    while (!xml.atEnd())
+        xml.readNext();
+    return xml.hasError() ? std::nullopt : found;
 }
 
 } // namespace
@@ -67,15 +89,7 @@ std::optional<QString> InfoDictionary::text(QByteArrayView executable, const cha
     const ElfFile elf(elf_memory(const_cast<char *>(executable.data()), static_cast<size_t>(executable.size())));
     if (!elf)
         return std::nullopt;
-    const Node list = parsed(sectionBytes(elf.get()));
-    if (!list || plist_get_node_type(list.get()) != PLIST_DICT)
-        return std::nullopt;
-    void *const value = plist_dict_get_item(list.get(), key);
-    if (!value || plist_get_node_type(value) != PLIST_STRING)
-        return std::nullopt;
-    uint64_t length = 0;
-    const char *const bytes = plist_get_string_ptr(value, &length);
-    return exactText({bytes, static_cast<qsizetype>(length)});
+    return textInList(sectionBytes(elf.get()), QLatin1StringView(key));
 }
 
 std::optional<QString> InfoDictionary::textInFile(const QString &path, const char *key)

@@ -57,7 +57,7 @@ QByteArrayList fields(const QByteArray &request)
     for (QByteArray &line : lines)
         line = line.trimmed();
     lines.removeIf([](const QByteArray &line) {
-        return line.startsWith("Accept") || line.startsWith("User-Agent: ") || line.startsWith("Connection: ");
+        return line.startsWith("accept") || line.startsWith("user-agent: ") || line.startsWith("connection: ");
     });
     return lines;
 }
@@ -77,9 +77,9 @@ TEST(AccountClient, SignInPostsExactlyTheTwoTextsAsTyped)
         const QByteArray body = request.mid(request.indexOf("\r\n\r\n") + 4);
         EXPECT_EQ(nlohmann::json::parse(body.toStdString()),
                   nlohmann::json({{"email", typed.toStdString()}, {"password", typed.toStdString() + "!"}}));
-        EXPECT_THAT(fields(request), UnorderedElementsAre("POST /api/login HTTP/1.1", "Host: api.corvale.example",
-                                                          "Content-Type: application/json",
-                                                          "Content-Length: " + QByteArray::number(body.size())));
+        EXPECT_THAT(fields(request), UnorderedElementsAre("POST /api/login HTTP/1.1", "host: api.corvale.example",
+                                                          "content-type: application/json",
+                                                          "content-length: " + QByteArray::number(body.size())));
     }
     EXPECT_TRUE(server.requests().first().endsWith(R"({"email":"plain","password":"plain!"})"));
 }
@@ -89,15 +89,15 @@ TEST(AccountClient, TheProfileIsAskedForWithTheTokenAndNothingKeptFromBefore)
     const HttpsServer server(
         [](const QByteArray &request) {
             return HttpsServer::Reply{response("200 OK", R"({"config":"client\n"})", "Set-Cookie: a=b; Path=/\r\n"),
-                                      !request.contains("Connection: close\r\n")};
+                                      !request.contains("connection: close\r\n")};
         },
         "good", https);
     EXPECT_EQ(signIn(u"a"_s, u"b"_s).kind(), Kind::success);
     const AccountAnswer answer = fetchProfile(u"to.ke-n="_s);
     EXPECT_EQ(AccountClient::configuration(answer.document()), u"client\n"_s);
     EXPECT_THAT(fields(server.requests().value(1)),
-                UnorderedElementsAre("GET /api/profile?country_code=CO HTTP/1.1", "Host: api.corvale.example",
-                                     "Authorization: Bearer to.ke-n="));
+                UnorderedElementsAre("GET /api/profile?country_code=CO HTTP/1.1", "host: api.corvale.example",
+                                     "authorization: Bearer to.ke-n="));
     EXPECT_EQ(server.connections(), 1);
     EXPECT_EQ(signIn(u"a"_s, u"b"_s).kind(), Kind::success);
     EXPECT_EQ(server.connections(), 2) << "the tunnel has changed the way to the server meanwhile";

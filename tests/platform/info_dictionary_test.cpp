@@ -13,6 +13,7 @@ using namespace Qt::StringLiterals;
 namespace {
 
 const QByteArray own = CORVALE_VERSION;
+const QByteArray doctype = R"(PUBLIC "-//Apple//DTD PLIST 1.0//EN" "http://www.apple.com/DTDs/PropertyList-1.0.dtd")";
 const QByteArray element = "    <string>" + own + "</string>";
 
 /// Filled up with blanks to the length of the element, which it takes the place of.
@@ -50,12 +51,18 @@ TEST(InfoDictionary, theVersionIsReadAsItStandsAndAnythingElseIsNone)
         {"the helper", spoiltHelper(), plain},
         {"a blank at the end", withElement("<string>" + own + " </string>"), plain + u' '},
         {"empty", withElement("<string></string>"), QString()},
-        {"other letters", withElement("<string>\xc3\xb1&lt;1</string>"), u"ñ<1"_s},
+        {"other letters", withElement("<string>\xef\xbb\xbf\xc3\xb1&lt;</string>"), u"\ufeffñ<"_s},
+        {"bytes that are no letters", withElement("<string>\xc3</string>"), none},
+        {"a zero", withElement(QByteArray("<string>1\0</string>", 19)), none},
         {"a number", withElement("<integer>1</integer>"), none},
         {"a list", withElement("<array/>"), none},
         {"no value", withElement(""), none},
         {"no end", withElement("<string>"), none},
         {"no key", spoiltHelper("CFBundleVersion", "CFBundleEdition"), none},
+        {"a declaration of its own",
+         spoiltHelper(doctype, QByteArray(R"([<!ENTITY x "y">])").leftJustified(doctype.size())), none},
+        {"another encoding's name", spoiltHelper("UTF-8\"", "UTF16\""), plain},
+        {"an element that is not closed", spoiltHelper("</plist>", "        "), none},
         {"no section", spoiltHelper(".info_plist", ".info_pliSt"), none},
         {"a list in the binary form", spoiltHelper("<?xml ve", "bplist00"), none},
         {"a huge section", withSection([](Elf64_Shdr &section) { section.sh_size = 1ULL << 40; }), none},

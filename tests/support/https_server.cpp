@@ -7,6 +7,7 @@
 #include <QSslServer>
 #include <QSslSocket>
 
+#include <cctype>
 #include <semaphore>
 
 using namespace Qt::StringLiterals;
@@ -27,10 +28,23 @@ bool trustTheAuthority()
     return true;
 }
 
+/// The names of a header mean the same in any case, and versions of Qt send them in different ones.
+QByteArray withLowerNames(QByteArray header)
+{
+    bool isName = false; // the first line has none
+    for (char &letter : header) {
+        if (letter == '\n' || letter == ':')
+            isName = letter == '\n';
+        else if (isName)
+            letter = static_cast<char>(std::tolower(static_cast<unsigned char>(letter)));
+    }
+    return header;
+}
+
 qsizetype bodySize(const QByteArray &header)
 {
-    const qsizetype field = header.indexOf("Content-Length: ");
-    return field < 0 ? 0 : header.mid(field + 16, header.indexOf("\r\n", field) - field - 16).toLongLong();
+    const qsizetype field = header.indexOf("\ncontent-length: ");
+    return field < 0 ? 0 : header.mid(field + 17, header.indexOf("\r\n", field) - field - 17).toLongLong();
 }
 
 } // namespace
@@ -77,7 +91,10 @@ void HttpsServer::read(QSslSocket &socket, QByteArray &received)
 {
     received += socket.readAll();
     const qsizetype header = received.indexOf("\r\n\r\n") + 4;
-    if (header < 4 || received.size() < header + bodySize(received.left(header)))
+    if (header < 4)
+        return;
+    received = withLowerNames(received.left(header)) + received.mid(header);
+    if (received.size() < header + bodySize(received.left(header)))
         return;
     {
         const std::scoped_lock lock(guard_);

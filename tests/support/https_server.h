@@ -19,13 +19,14 @@ public:
         QByteArray bytes;  ///< sent as they are, header included
         bool open = false; ///< whether the connection stays open afterwards
     };
-    using Answer = std::function<Reply(const QByteArray &request)>; ///< called on the server's thread
+    /// Called on the server's thread, with a request as requests() has it.
+    using Answer = std::function<Reply(const QByteArray &request)>;
 
     explicit HttpsServer(Answer answer, const char *certificate = "good", quint16 port = 0);
     ~HttpsServer();
 
     QByteArray address(const char *path) const; ///< as https://localhost:…
-    QList<QByteArray> requests() const;         ///< as they came, header and body
+    QList<QByteArray> requests() const;         ///< as they came, but the names in the header in lower case
     int connections() const;                    ///< completed handshakes
 
 private:
