@@ -74,7 +74,7 @@ deb: build
 	packaging/make-deb.sh build
 
 packages:
-	@packaging/install-packages.sh packages.txt
+	@packaging/install-packages.sh
 
 clean:
 	rm -rf build

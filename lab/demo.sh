@@ -24,7 +24,7 @@ sorry() {
 
 if [ "$(id -u)" -ne 0 ]; then
     command -v sudo >/dev/null || sorry "it makes namespaces and a tunnel, which needs root, and there is no sudo."
-    exec sudo --preserve-env=DISPLAY,XAUTHORITY,MANUAL,BUILD,ROOT,INIT,OUT "$0" "$@"
+    exec sudo --preserve-env=DISPLAY,XAUTHORITY,MANUAL,BUILD,ROOT,INIT,OUT,RESOLVER "$0" "$@"
 fi
 [ -c /dev/net/tun ] || sorry "/dev/net/tun is missing, so OpenVPN could make no tunnel (try: modprobe tun)."
 unshare --mount --net --pid --ipc --fork true 2>/dev/null || sorry "this system does not let root make namespaces."
@@ -44,9 +44,22 @@ done
 said=$repo/$OUT
 stage=$(mktemp -d)
 group=
+outer=
+# Ends the machine, and waits until the kernel has ended all its processes.
+halt() {
+    if [ -n "$outer" ]; then
+        pkill -9 -P "$outer" || kill -9 "$outer" 2>/dev/null || true
+        wait "$outer" 2>/dev/null || true
+    fi
+    # What the machine's systemd has made below this goes from the leaves up.
+    for _ in $(seq 200); do
+        [ -n "$group" ] && [ -d "$group" ] || return 0
+        find "$group" -depth -type d -exec rmdir {} + 2>/dev/null || sleep 0.05
+    done
+}
+# shellcheck disable=SC2317 # the trap calls it
 tidy() {
-    # What the machine's systemd has made below this goes from the leaves up, once the kernel has ended the processes.
-    [ -z "$group" ] || find "$group" -depth -type d -exec rmdir {} + 2>/dev/null || true
+    halt
     rm -f "$stage/before"
     rmdir "$stage"
 }
@@ -56,14 +69,9 @@ rm -rf "$said"
 mkdir -p "$said"
 "$lab/leftovers.sh" note >"$stage/before"
 
+# With its first process every other one of the machine ends, and that one with the outer process.
 machine=(unshare --mount --net --pid --ipc --uts --fork --kill-child --propagation private)
-first=
-halt() {
-    [ -z "$first" ] || kill -9 "$first" 2>/dev/null || true
-    wait "$outer" 2>/dev/null || true
-}
 inside() { nsenter -t "$first" -m -n -p -i -u -C -- "$@"; }
-# The first process of the machine, and with it every other one, ends with this command.
 boot() {
     group=$groups$(sed -n 's/^0:://p' /proc/self/cgroup)/corvale-lab-$$
     mkdir "$group"
@@ -72,7 +80,6 @@ boot() {
         exec "${machine[@]}" --cgroup "$lab/root.sh" "$root" "$stage" "$repo" systemd
     ) </dev/null >"$said/boot" 2>&1 &
     outer=$!
-    trap 'halt; tidy' EXIT
     for _ in $(seq 300); do
         first=$(pgrep -P "$outer" || true)
         if [ -n "$first" ] && nsenter -t "$first" -m -- test -S /run/systemd/private 2>/dev/null; then
@@ -89,13 +96,17 @@ boot() {
 status=0
 if [ "$INIT" = systemd ]; then
     boot
+    # shellcheck disable=SC2016 # the shell inside
     # In a group of its own beside those of the machine's services, and without the help of a bus that it may kill.
-    inside env -i PATH="$PATH" HOME=/root TERM="${TERM:-dumb}" BUILD="$BUILD" OUT="$OUT" MANUAL="${MANUAL:-}" \
+    inside env -i PATH="$PATH" HOME=/root TERM="${TERM:-dumb}" BUILD="$BUILD" OUT="$OUT" MANUAL="${MANUAL:-}" RESOLVER="${RESOLVER:-}" \
         ${DISPLAY:+DISPLAY="$DISPLAY"} sh -ec 'mkdir /sys/fs/cgroup/lab; echo 0 >/sys/fs/cgroup/lab/cgroup.procs
-        cd "$0"; exec lab/machine.sh "$@"' "$repo" "$@" || status=$?
+        cd "$0"; exec lab/machine.sh "$@"' "$repo" "$@" <&0 &
+    wait $! || status=$?
     halt
 else
-    "${machine[@]}" "$lab/root.sh" "$root" "$stage" "$repo" "$lab/machine.sh" "$@" || status=$?
+    "${machine[@]}" "$lab/root.sh" "$root" "$stage" "$repo" "$lab/machine.sh" "$@" <&0 &
+    outer=$!
+    wait "$outer" || status=$?
 fi
 
 chown -R "$(stat -c %u:%g "$repo/build")" "$said"

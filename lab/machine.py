@@ -1,5 +1,6 @@
 """What can be seen of the private machine from inside: tunnel, traffic, names, and its OpenVPN server."""
 import glob
+import os
 import pathlib
 import subprocess
 import time
@@ -26,7 +27,23 @@ def settled_routes():
     return routes()
 
 
-BEFORE = RESOLVER.read_text(encoding="utf-8")
+def resolver():
+    """Who keeps the name servers: resolved, resolvconf, or nobody but those who write the file."""
+    if os.path.isdir("/run/systemd/resolve"):
+        return "resolved"
+    return "resolvconf" if os.path.isdir("/run/resolvconf") else "file"
+
+
+def name_servers():
+    """The file that programs read, and what resolved asks for whom."""
+    said = RESOLVER.read_text(encoding="utf-8")
+    if resolver() == "resolved":
+        for what in ("dns", "domain"):
+            said += subprocess.run(["resolvectl", what], capture_output=True, text=True, check=True).stdout
+    return said
+
+
+BEFORE = name_servers()
 ROUTES = settled_routes()
 
 
@@ -85,15 +102,15 @@ def check_connected():
     print("  page behind the tunnel:", reply)
     if not reply.startswith("You are 10.8.0."):
         raise Failure("the page was not reached through the tunnel")
-    servers = wait_for("the pushed name server", lambda: "10.77.0.1" in RESOLVER.read_text() and RESOLVER.read_text())
-    print("  /etc/resolv.conf:", " ".join(line for line in servers.splitlines() if line.startswith("nameserver")))
+    servers = wait_for("the pushed name server", lambda: "10.77.0.1" in name_servers() and name_servers())
+    print(f"  {resolver()}:", " ".join(line for line in servers.splitlines() if "10.77.0.1" in line))
 
 
 def check_gone(limit=20.0):
     """No OpenVPN, no tunnel, no way inside, and the name servers and routes of before."""
     wait_for("OpenVPN's end", lambda: not openvpn_pid(), limit)
     wait_for("the tunnel's end", lambda: not tunnel_interfaces())
-    wait_for("the name servers of before", lambda: RESOLVER.read_text(encoding="utf-8") == BEFORE)
+    wait_for("the name servers of before", lambda: name_servers() == BEFORE)
     try:
         wait_for("the routes of before", lambda: routes() == ROUTES, 5)
     except Failure:

@@ -82,9 +82,6 @@ networks() {
     # Nobody gets behind the server except out of the tunnel.
     ip -n internet rule add iif home to 10.77.0.0/24 prohibit
 
-    # A link (into a running resolver's folder) would be followed out of /etc.
-    rm -f /etc/resolv.conf
-    echo "nameserver 198.51.100.1" >/etc/resolv.conf
     printf '%s\n' "127.0.0.1 localhost $(hostname)" "203.0.113.10 api.corvale.example" \
         "203.0.113.20 vpn.corvale.example" >/etc/hosts
 }
@@ -95,6 +92,31 @@ trust() {
     install -m 644 /etc/lab/authority.crt "$certificates/corvale-lab.pem"
     ln -sf corvale-lab.pem "$certificates/$(openssl x509 -noout -hash -in /etc/lab/authority.crt).0"
     cat /etc/lab/authority.crt >>"$certificates/ca-certificates.crt"
+}
+
+# The network's name server, where the system at hand keeps it. RESOLVER names the one to use, out of the packages that
+# lie ready; the file is what is left where there is none.
+name_server() {
+    local address=198.51.100.1 package=
+    case ${RESOLVER:-} in
+    resolved) package=systemd-resolved ;;
+    resolvconf) package=resolvconf ;;
+    esac
+    [ -z "$package" ] || DEBIAN_FRONTEND=noninteractive apt-get install -y --no-download "$package" >"$log/resolver" 2>&1 ||
+        { cat "$log/resolver" >&2; exit 1; }
+    if booted && systemctl --quiet is-active systemd-resolved; then
+        ln -sf ../run/systemd/resolve/stub-resolv.conf /etc/resolv.conf
+        resolvectl dns wan "$address"
+        resolvectl default-route wan yes
+    elif [ "$package" = resolvconf ]; then
+        ln -sf ../run/resolvconf/resolv.conf /etc/resolv.conf
+        resolvconf --enable-updates
+        echo "nameserver $address" | resolvconf -a wan.lab
+    else
+        # A link would be followed out of /etc.
+        rm -f /etc/resolv.conf
+        echo "nameserver $address" >/etc/resolv.conf
+    fi
 }
 
 # Whom a rule allows what a person may who sits at the machine.
@@ -149,6 +171,7 @@ mkdir -p "$log"
 people
 networks
 trust
+name_server
 servers
 if [ -f "$repo/$BUILD" ]; then
     apt-get install -y --no-install-recommends "$repo/$BUILD" >"$log/install" 2>&1 || { cat "$log/install" >&2; exit 1; }

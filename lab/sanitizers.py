@@ -15,6 +15,8 @@ END = "Sanitizer at the end: leaks come next"
 
 
 def sanitizers():
+    if BUILD.is_file():
+        return ""
     cache = (BUILD / "CMakeCache.txt").read_text(encoding="utf-8")
     return re.search(r"^CORVALE_SANITIZE:\w+=(.*)$", cache, re.MULTILINE)[1]
 

@@ -6,6 +6,7 @@ usage: scenario.py connect|wrong-password|server-late|server-restart|server-rese
        scenario.py faults [PART]|obstacles|soak [CYCLES]                        what it endures
        scenario.py steps                                                        what the log tells of it
        scenario.py install|install-refused|package                             how the product gets into the system
+       scenario.py system                                                      what a user's system makes of the package
        scenario.py keyboard|reader|tray|reopen|no-bus|quit                    what the window's shell promises
        scenario.py pictures                                                    what the handbook's pages show
 """
@@ -31,6 +32,7 @@ from session import LOGS, Failure, Session, wait_for
 from shell_scenarios import SHELL_SCENARIOS
 from soak import soak
 from stage import ANA, BERTA, Stage
+from system_scenarios import SYSTEM_SCENARIOS
 
 REJECTED = "Email o Contraseña inválidos"
 
@@ -173,7 +175,7 @@ SCENARIOS = {
     "obstacles": obstacles,
     "soak": soak,
     "steps": steps,
-} | FIGURE_SCENARIOS | INSTALL_SCENARIOS | PACKAGE_SCENARIOS | PICTURE_SCENARIOS | SHELL_SCENARIOS
+} | FIGURE_SCENARIOS | INSTALL_SCENARIOS | PACKAGE_SCENARIOS | PICTURE_SCENARIOS | SHELL_SCENARIOS | SYSTEM_SCENARIOS
 
 
 def main():

@@ -16,6 +16,7 @@ sorry() {
 command -v debootstrap >/dev/null || sorry "debootstrap is missing (try: packaging/install-packages.sh systems)."
 INIT=systemd lab/demo.sh check
 # A package asks for the libraries of the system that it was built on, or newer ones.
+# shellcheck disable=SC1091
 codename=$(. /etc/os-release && echo "${VERSION_CODENAME:-}")
 [ "$codename" = bookworm ] || echo "Built on $codename: what is older than that may lack a library of the package's."
 package=$(find build -maxdepth 1 -name 'corvale_*.deb' -printf '%T@ %p\n' | sort -n | tail -n 1 | cut -d' ' -f2)
@@ -23,6 +24,7 @@ package=$(find build -maxdepth 1 -name 'corvale_*.deb' -printf '%T@ %p\n' | sort
 
 # Runs a command in a root folder, with this machine's network, as a container would.
 within() { # ROOT COMMAND…
+    # shellcheck disable=SC2016 # the shell inside
     unshare --mount --pid --ipc --fork --kill-child --propagation private bash -euc '
         root=$1; shift
         mount -t proc proc "$root/proc"
@@ -52,7 +54,7 @@ minimal() { # NAME ROOT
     [ ! -f "$2/made" ] || return 0
     rm -rf "$2"
     mkdir -p "$2"
-    debootstrap --variant=minbase --include=systemd-sysv,libpam-systemd,dbus,ca-certificates "$1" "$2" "" "$script"
+    unshare --mount --propagation private debootstrap --variant=minbase --include=systemd-sysv,libpam-systemd,dbus,ca-certificates "$1" "$2" "" "$script"
     touch "$2/made"
 }
 
