@@ -7,24 +7,35 @@ export CTEST_OUTPUT_ON_FAILURE = 1
 
 .PHONY: build test demo screenshots bench faults asan tsan lint fuzz packages install uninstall deb clean
 
-build: packages
-	cmake --preset $(PRESET)
-	cmake --build --preset $(PRESET) --parallel $(JOBS)
+# Installs the packages for these purposes, and builds the product and whatever else is asked for.
+# $(call made,PURPOSE...[,OPTION...][,TARGET...])
+define made
+@packaging/install-packages.sh $(1)
+cmake --preset $(PRESET) $(2)
+cmake --build --preset $(PRESET) --parallel $(JOBS) --target product $(3)
+endef
 
-test: build
+build:
+	$(call made,build)
+
+test:
+	$(call made,build run test,-DBUILD_TESTING=ON,all)
 	ctest --preset $(PRESET)
 
 # Every test, and the main job in the lab.
-asan tsan: packages
+asan tsan:
 	lab/demo.sh check
+	@packaging/install-packages.sh build run test demo
 	$(MAKE) --no-print-directory test PRESET=$@
 	BUILD=build/$@ lab/demo.sh
 
-lint: build
+lint:
+	$(call made,build lint)
 	packaging/lint.sh
 
 # Each fuzzer for FUZZ_SECONDS. What it finds stays in build/fuzzers/NAME-*.
-fuzz: packages
+fuzz:
+	@packaging/install-packages.sh build fuzz
 	cmake --preset fuzz
 	cmake --build --preset fuzz --parallel $(JOBS)
 	fuzz/run.sh build/fuzzers $(FUZZ_SECONDS)
@@ -32,27 +43,27 @@ fuzz: packages
 # Asks first: whoever cannot have the lab need not wait for the build to hear it.
 demo:
 	lab/demo.sh check
-	$(MAKE) --no-print-directory build
+	$(call made,build run demo)
 	lab/demo.sh
 
 # The pages of docs/, out of what the lab's screen shows. Fails when a colour in them is not the fixed one.
 screenshots:
 	lab/demo.sh check
-	$(MAKE) --no-print-directory build
+	$(call made,build run demo lab)
 	lab/demo.sh pictures
 	cp build/demo/docs/*.png docs/
 
 # Every figure that has a budget, some of them in the lab; fails when one is over it. Also in build/bench.json.
 bench:
 	lab/demo.sh check
-	$(MAKE) --no-print-directory build
+	$(call made,build run demo bench,-DCORVALE_BENCH=ON,all)
 	bench/figures.py
 
 # Each part killed, stopped and restarted in each phase of a connection, what may stand in the way, and what
 # the log says when a step fails; eight minutes.
 faults:
 	lab/demo.sh check
-	$(MAKE) --no-print-directory build
+	$(call made,build run demo lab)
 	lab/demo.sh faults
 	lab/demo.sh obstacles
 	lab/demo.sh steps
@@ -60,17 +71,20 @@ faults:
 # The running system hears of it at once; any other place is only filled.
 to_the_system = $(if $(patsubst %/,%,$(DESTDIR))$(filter-out /usr,$(patsubst %/,%,$(PREFIX))),,$(1))
 
-install: build
+install:
+	$(call made,build run)
 	umask 022; DESTDIR="$(DESTDIR)" cmake --install build $(if $(PREFIX),--prefix "$(PREFIX)")
 	$(call to_the_system,packaging/debian/postinst configure)
 
-uninstall: build
+uninstall:
+	$(call made,build)
 	$(call to_the_system,packaging/debian/prerm remove)
 	DESTDIR="$(DESTDIR)" packaging/uninstall.sh build $(if $(PREFIX),--prefix "$(PREFIX)")
 	$(call to_the_system,packaging/debian/postrm remove)
 
 # build/corvale_VERSION_ARCHITECTURE.deb, and what lintian thinks of it.
-deb: build
+deb:
+	$(call made,build package)
 	packaging/make-deb.sh build
 
 packages:

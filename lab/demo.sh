@@ -37,7 +37,7 @@ fi
 [ "$INIT" = none ] || [ -n "$groups" ] || sorry "systemd needs control groups of the second version (cgroup2)."
 [ "${1:-}" != check ] || exit 0
 [ -f "$repo/$BUILD" ] || [ -f "$repo/$BUILD/cmake_install.cmake" ] || sorry "nothing is built yet (try: make build)."
-for tool in openvpn Xvfb xprop tint2 xdotool dbus-daemon openssl ip ping convert setpriv; do
+for tool in openvpn Xvfb xprop tint2 dbus-daemon pgrep openssl ip ping convert setpriv; do
     chroot "$root" which "$tool" >/dev/null || sorry "the program $tool is missing (try: make packages)."
 done
 

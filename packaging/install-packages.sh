@@ -1,10 +1,12 @@
 #!/bin/sh
-# Installs the packages named in the list that are missing. Asks nothing and does nothing when all are there.
-# usage: install-packages.sh LIST
+# Installs the packages of packages.txt that are missing: those for the named purposes, or all of them. Asks nothing and
+# does nothing when all are there.
+# usage: install-packages.sh [PURPOSE...]
 set -eu
 
-list=$1
-wanted=$(sed 's/#.*//' "$list")
+wanted=$(awk -v purposes=" $* " '
+    sub(/^\[/, "") && sub(/\]$/, "") { taken = purposes ~ /^ *$/ || index(purposes, " " $0 " "); next }
+    taken && !/^#/' "$(dirname "$0")/../packages.txt")
 missing=
 for package in $wanted; do
     status=$(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null) || status=
