@@ -19,7 +19,7 @@ using namespace Qt::StringLiterals;
 namespace {
 
 constexpr int patience = 30'000;      // ms; systemd takes its time
-constexpr int tunnelsEnd = 20'000;    // ms; the helper's own limits for OpenVPN and for its script lie below
+constexpr int tunnelsEnd = 40'000;    // ms; systemd's for the helper, longer than the helper's own limits together
 constexpr int killedProcess = 5000;   // ms
 constexpr int namesEnd = 5000;        // ms; the bus hears of the process's end a moment later
 constexpr unsigned long nextLook = 5; // ms

@@ -11,5 +11,7 @@ QByteArrayView clientDown();
 QByteArrayView busPolicy();
 QByteArrayView busService();
 QByteArrayView unit();
+QByteArrayView restoringUnit();
+QByteArrayView restoringAtBoot();
 
 } // namespace BlessContents

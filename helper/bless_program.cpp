@@ -26,7 +26,7 @@ namespace {
 constexpr int done = 0;
 constexpr int failed = 1;
 constexpr int wrongUse = 2;
-constexpr unsigned longest = 120; // s; more than all the patience with bus and helper together
+constexpr unsigned longest = 180; // s; more than all the patience with bus and helper together
 constexpr mode_t program = 0755;
 constexpr mode_t data = 0644;
 
@@ -43,6 +43,8 @@ std::vector<Placed> companions(const BlessPaths &paths)
         {paths.programs + "/client.up", BlessContents::clientUp(), program},
         {paths.programs + "/client.down", BlessContents::clientDown(), program},
         {paths.units + "/com.corvale.macos.helper.service", BlessContents::unit(), data},
+        {paths.units + "/corvale-restore.service", BlessContents::restoringUnit(), data},
+        {paths.units + "/sysinit.target.d/corvale.conf", BlessContents::restoringAtBoot(), data},
         {paths.busPolicies + "/com.corvale.macos.helper.conf", BlessContents::busPolicy(), data},
     };
 }

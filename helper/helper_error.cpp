@@ -15,6 +15,7 @@ const char *nameOf(HelperError::Kind kind)
     case HelperError::Kind::ConfigRejected: return "ConfigRejected";
     case HelperError::Kind::ScriptRejected: return "ScriptRejected";
     case HelperError::Kind::PortBusy: return "PortBusy";
+    case HelperError::Kind::Leaving: return "Leaving";
     case HelperError::Kind::Internal: break;
     }
     return "Internal";

@@ -6,7 +6,7 @@ class QDBusMessage;
 
 /// Why the helper does not do what a message asks.
 struct HelperError {
-    enum class Kind { NotAuthorized, Busy, ConfigUnsafe, ConfigRejected, ScriptRejected, PortBusy, Internal };
+    enum class Kind { NotAuthorized, Busy, ConfigUnsafe, ConfigRejected, ScriptRejected, PortBusy, Internal, Leaving };
     Kind kind;
     QByteArray sentence; ///< for a person; never anything that stands in a file
 };

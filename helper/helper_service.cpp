@@ -4,11 +4,14 @@
 
 #include <algorithm>
 #include <climits>
+#include <utility>
 
 using namespace Qt::StringLiterals;
 using Kind = HelperError::Kind;
 
 namespace {
+
+constexpr size_t maxHandedOver = 256; // requests; each may be as long as three names
 
 /// Whether the arguments are short enough to be the names of files.
 bool areNames(const QVariantList &arguments)
@@ -39,8 +42,23 @@ bool HelperService::offer()
 
 void HelperService::finish()
 {
-    ending_ = true;
-    tunnel_.stop([this] { emit finished(); });
+    if (std::exchange(ending_, true))
+        return;
+    tunnel_.stop([this] {
+        // Whatever came in until now is in the queue; what comes later has the bus start the next helper.
+        bus_.unregisterService(QLatin1String(HelperNames::service));
+        QTimer::singleShot(0, this, &HelperService::handOver);
+    });
+}
+
+/// What this helper has not begun to do is left to the next one.
+void HelperService::handOver()
+{
+    while (!open_.empty()) {
+        const Request request = *open_.begin();
+        answer(request, errorReply(*request, {Kind::Leaving, "The helper is leaving. Send this again."}));
+    }
+    emit finished();
 }
 
 QString HelperService::introspect(const QString & /*path*/) const
@@ -52,113 +70,96 @@ bool HelperService::handleMessage(const QDBusMessage &message, const QDBusConnec
 {
     const bool mine = message.interface().isEmpty() || message.interface() == QLatin1String(HelperNames::service);
     const QString call = message.member() + u'(' + message.signature() + u')';
-    if (!mine)
+    const bool isVersion = call == QLatin1String(HelperNames::getVersion) + "()"_L1;
+    const bool isRun = call == QLatin1String(HelperNames::runOpenVPN) + "(sss)"_L1;
+    const bool isKill = call == QLatin1String(HelperNames::killOpenVPN) + "()"_L1;
+    if (!mine || !(isVersion || isRun || isKill))
         return false;
-    if (call == QLatin1String(HelperNames::getVersion) + "()"_L1) {
-        ++open_;
-        answer(message, message.createReply(QStringLiteral(CORVALE_VERSION)));
-    } else if (call == QLatin1String(HelperNames::runOpenVPN) + "(sss)"_L1) {
-        if (!areNames(message.arguments())) {
-            // Before it is kept for polkit's answer: such messages are as large as their sender likes.
-            ++open_;
-            answer(message, errorReply(message, {Kind::ConfigUnsafe, "A file's name is too long."}));
-            return true;
-        }
-        admit(message, u"com.corvale.macos.helper.run"_s, [=, this](const auto &caller) { run(message, caller); });
-    } else if (call == QLatin1String(HelperNames::killOpenVPN) + "()"_L1) {
-        admit(message, u"com.corvale.macos.helper.kill"_s, [=, this](const auto &caller) { kill(message, caller); });
-    } else {
-        return false;
-    }
+    const auto request = std::make_shared<const QDBusMessage>(message);
+    open_.insert(request);
+    if (isVersion)
+        answer(request, message.createReply(QStringLiteral(CORVALE_VERSION)));
+    else if (isRun && !areNames(message.arguments()))
+        // Before it is kept for polkit's answer: such messages are as large as their sender likes.
+        answer(request, errorReply(message, {Kind::ConfigUnsafe, "A file's name is too long."}));
+    else if (ending_ && open_.size() > maxHandedOver)
+        answer(request, errorReply(message, {Kind::Busy, "Too many requests wait for the next helper."}));
+    else if (isRun && !ending_)
+        admit(request, u"com.corvale.macos.helper.run"_s, [=, this](const auto &caller) { run(request, caller); });
+    else if (isKill)
+        admit(request, u"com.corvale.macos.helper.kill"_s, [=, this](const auto &caller) { kill(request, caller); });
     return true;
 }
 
-void HelperService::admit(const QDBusMessage &message, const QString &action,
+void HelperService::admit(const Request &request, const QString &action,
                           std::function<void(const Authority::Caller &)> next)
 {
-    ++open_;
-    authority_.check(message.service(), action, [this, message, next = std::move(next)](const auto &verdict) {
+    authority_.check(request->service(), action, [this, request, next = std::move(next)](const auto &verdict) {
         if (const auto *error = std::get_if<HelperError>(&verdict))
-            answer(message, errorReply(message, *error));
+            answer(request, errorReply(*request, *error));
         else
             next(std::get<Authority::Caller>(verdict));
     });
 }
 
-/// Why no tunnel of this user can run now.
-std::optional<HelperError> HelperService::obstacle(uid_t uid) const
+bool HelperService::isAnothers(const Request &request, uid_t uid)
 {
-    if (ending_)
-        return HelperError{Kind::Internal, "The helper is ending."};
-    if (tunnel_.owner() && tunnel_.owner() != uid)
-        return HelperError{Kind::Busy, "Another user's tunnel is running."};
-    return std::nullopt;
+    if (!tunnel_.owner() || tunnel_.owner() == uid)
+        return false;
+    answer(request, errorReply(*request, {Kind::Busy, "Another user's tunnel is running."}));
+    return true;
 }
 
-void HelperService::run(const QDBusMessage &message, const Authority::Caller &caller)
+void HelperService::run(const Request &request, const Authority::Caller &caller)
 {
-    if (const auto found = obstacle(caller.uid)) {
-        answer(message, errorReply(message, *found));
+    if (ending_ || isAnothers(request, caller.uid))
         return;
-    }
-    const QVariantList arguments = message.arguments();
-    const TunnelRequest request{arguments[0].toString(), arguments[1].toString(), arguments[2].toString()};
+    const QVariantList arguments = request->arguments();
+    const TunnelRequest files{arguments[0].toString(), arguments[1].toString(), arguments[2].toString()};
     // The caller's place is kept until the files are judged; the tunnel has a limit of its own.
-    judge_.judge(caller.uid, request, [this, message, caller](const auto &verdict) {
+    judge_.judge(caller.uid, files, [this, request, caller](const auto &verdict) {
         if (const auto *error = std::get_if<HelperError>(&verdict))
-            answer(message, errorReply(message, *error));
+            answer(request, errorReply(*request, *error));
         else
-            start(message, caller.uid, std::get<QByteArray>(verdict));
+            start(request, caller.uid, std::get<QByteArray>(verdict));
     });
 }
 
-void HelperService::start(const QDBusMessage &message, uid_t uid, const QByteArray &configuration)
+void HelperService::start(const Request &request, uid_t uid, const QByteArray &configuration)
 {
     // Another's tunnel may have begun while the files were read.
-    if (const auto found = obstacle(uid)) {
-        answer(message, errorReply(message, *found));
+    if (ending_ || isAnothers(request, uid))
         return;
-    }
-    tunnel_.run(uid, configuration, [this, message](const std::variant<int, HelperError> &end) {
+    tunnel_.run(uid, configuration, [this, request](const std::variant<int, HelperError> &end) {
         const auto *status = std::get_if<int>(&end);
-        answer(message, status ? message.createReply(*status) : errorReply(message, std::get<HelperError>(end)));
+        answer(request, status ? request->createReply(*status) : errorReply(*request, std::get<HelperError>(end)));
     });
 }
 
-void HelperService::kill(const QDBusMessage &message, const Authority::Caller &caller)
+void HelperService::kill(const Request &request, const Authority::Caller &caller)
 {
     if (tunnel_.owner() && tunnel_.owner() != caller.uid && caller.uid != 0) {
-        answer(message, errorReply(message, {Kind::NotAuthorized, "It is another user's tunnel."}));
+        answer(request, errorReply(*request, {Kind::NotAuthorized, "It is another user's tunnel."}));
         return;
     }
     judge_.abandon(caller.uid);
-    tunnel_.stop([this, message, caller] { answer(message, message.createReply()); });
+    tunnel_.stop([this, request] { answer(request, request->createReply()); });
 }
 
-void HelperService::answer(const QDBusMessage &message, const QDBusMessage &reply)
+void HelperService::answer(const Request &request, const QDBusMessage &reply)
 {
+    if (open_.erase(request) == 0)
+        return; // it has been left to the next helper
     // A sender that wants no answer may not get one, or the bus would log it.
-    if (message.isReplyRequired())
+    if (request->isReplyRequired())
         bus_.send(reply);
-    --open_;
     idle_.start();
 }
 
 void HelperService::leave()
 {
-    if (open_ > 0 || !tunnel_.isIdle() || !judge_.isIdle()) {
+    if (open_.empty() && tunnel_.isIdle() && judge_.isIdle())
+        finish();
+    else
         idle_.start();
-        return;
-    }
-    // Without the name first: a message that came in until then is in the queue and is served; a later one has the bus
-    // start a new helper.
-    bus_.unregisterService(QLatin1String(HelperNames::service));
-    QTimer::singleShot(0, this, [this] {
-        if (open_ == 0)
-            emit finished();
-        else if (bus_.registerService(QLatin1String(HelperNames::service)))
-            idle_.start();
-        else
-            finish(); // another helper has begun, and there is but one tunnel
-    });
 }

@@ -11,7 +11,8 @@
 #include <QTimer>
 
 #include <functional>
-#include <optional>
+#include <memory>
+#include <set>
 
 /// The helper's object on the bus: takes the three messages and answers each once. Main thread.
 class HelperService final : public QDBusVirtualObject {
@@ -23,7 +24,8 @@ public:
     /// up what a helper that died has left, as `Tunnel::begin` does.
     bool offer();
 
-    /// Ends the tunnel, then says `finished`.
+    /// Ends the tunnel and gives up the name; then leaves what it has not begun to do to the next helper, by an answer
+    /// that says so, and says `finished`.
     Q_SLOT void finish();
 
     bool handleMessage(const QDBusMessage &message, const QDBusConnection &bus) override;
@@ -34,20 +36,24 @@ signals:
     void finished();
 
 private:
-    /// Goes on with `next` when the sender may do `action`; answers the message itself when not.
-    void admit(const QDBusMessage &message, const QString &action, std::function<void(const Authority::Caller &)> next);
-    void run(const QDBusMessage &message, const Authority::Caller &caller);
-    void start(const QDBusMessage &message, uid_t uid, const QByteArray &configuration);
-    void kill(const QDBusMessage &message, const Authority::Caller &caller);
-    [[nodiscard]] std::optional<HelperError> obstacle(uid_t uid) const;
-    void answer(const QDBusMessage &message, const QDBusMessage &reply);
+    using Request = std::shared_ptr<const QDBusMessage>;
+
+    void handOver();
+    /// Goes on with `next` when the sender may do `action`; answers the request itself when not.
+    void admit(const Request &request, const QString &action, std::function<void(const Authority::Caller &)> next);
+    void run(const Request &request, const Authority::Caller &caller);
+    void start(const Request &request, uid_t uid, const QByteArray &configuration);
+    void kill(const Request &request, const Authority::Caller &caller);
+    /// Whether the tunnel that runs is not this user's; then the request is answered.
+    bool isAnothers(const Request &request, uid_t uid);
+    void answer(const Request &request, const QDBusMessage &reply);
     void leave();
 
     QDBusConnection bus_;
     Authority authority_;
     RequestJudge judge_;
     Tunnel tunnel_;
-    int open_ = 0;        ///< messages that have no answer yet
-    bool ending_ = false; ///< no tunnel is started any more
+    std::set<Request> open_; ///< those without an answer
+    bool ending_ = false;    ///< no tunnel is started any more
     QTimer idle_;
 };

@@ -58,9 +58,9 @@ private:
 } // namespace
 
 HelperConnection::HelperConnection()
-    : messages_(std::make_shared<MessageConnection>(text(HelperNames::service), text(HelperNames::path),
-                                                    text(HelperNames::service),
-                                                    QStringList{text(HelperNames::errorPrefix) + u"NotAuthorized"_s}))
+    : messages_(std::make_shared<MessageConnection>(
+          text(HelperNames::service), text(HelperNames::path), text(HelperNames::service),
+          QStringList{text(HelperNames::errorPrefix) + u"NotAuthorized"_s}, text(HelperNames::leaving)))
 {
 }
 

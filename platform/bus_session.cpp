@@ -95,6 +95,10 @@ void BusSession::finished(QDBusPendingCallWatcher *watcher)
         return;
     }
     const MessageError error{watcher->error().name(), watcher->error().message()};
+    if (error.name == peer_.leaving) {
+        send(message); // the bus starts the successor
+        return;
+    }
     message.onError(error);
     if (invalidates(error.name))
         invalidate(error);

@@ -20,6 +20,7 @@ public:
         QString path;
         QString interface;
         QStringList refusals; ///< error names by which the service says that it does not serve this client
+        QString leaving;      ///< error name by which it says that it ends and leaves the message to its successor
     };
     struct Message {
         QString member;

@@ -134,8 +134,8 @@ void MessageConnection::Worker::wake()
 }
 
 MessageConnection::MessageConnection(const QString &service, const QString &path, const QString &interface,
-                                     const QStringList &refusals)
-    : worker_(std::make_shared<Worker>(BusSession::Peer{service, path, interface, refusals}))
+                                     const QStringList &refusals, const QString &leaving)
+    : worker_(std::make_shared<Worker>(BusSession::Peer{service, path, interface, refusals, leaving}))
 {
 }
 

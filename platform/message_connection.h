@@ -20,9 +20,10 @@ public:
     using ReplyHandler = std::function<void(const QVariantList &)>;
     using ErrorHandler = std::function<void(const MessageError &)>;
 
-    /// `refusals` are the error names by which the service says that it does not serve this client at all.
+    /// `refusals` are the error names by which the service says that it does not serve this client at all; `leaving` is
+    /// the one by which it says that it ends and leaves a message to its successor, to whom it is sent then.
     MessageConnection(const QString &service, const QString &path, const QString &interface,
-                      const QStringList &refusals = {});
+                      const QStringList &refusals, const QString &leaving);
     /// Any thread, the private one included. Replies under way still reach their handlers; the private thread ends
     /// after the last of them, or with the process.
     ~MessageConnection();

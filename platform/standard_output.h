@@ -10,8 +10,7 @@ namespace StandardOutput {
 void writeLine(QByteArrayView text);
 
 /// Lets standard output lead nowhere from now on where it leads to the system's log: others may read that, and the
-/// commands that are echoed have the person's password. systemd gives a desktop's programs the journal's stream socket
-/// (systemd-journald.service(8)). Main thread, before anything is written; does not block.
+/// commands that are echoed have the person's password. Main thread, before anything is written; does not block.
 void keepOutOfSystemLog();
 
 } // namespace StandardOutput

@@ -7,6 +7,7 @@
 #include <QLocale>
 
 #include <cerrno>
+#include <cstddef>
 #include <mutex>
 #include <sys/socket.h>
 #include <sys/syslog.h>
@@ -53,6 +54,18 @@ void tellLog(const QByteArray &line)
 
 } // namespace
 
+bool SystemLog::isAt(int descriptor)
+{
+    sockaddr_un peer{};
+    socklen_t size = sizeof peer;
+    if (::getpeername(descriptor, reinterpret_cast<sockaddr *>(&peer), &size) != 0 || peer.sun_family != AF_UNIX ||
+        size < offsetof(sockaddr_un, sun_path))
+        return false;
+    const QByteArrayView path(peer.sun_path, size - static_cast<socklen_t>(offsetof(sockaddr_un, sun_path)));
+    // A journal namespace has a folder of its own beside the usual one.
+    return path.startsWith("/run/systemd/journal");
+}
+
 void SystemLog::write(QStringView text)
 {
     QByteArray line = text.toUtf8();
@@ -60,5 +73,6 @@ void SystemLog::write(QStringView text)
         line.chop(1);
     line.replace('\n', "\\n").replace('\0', "\\0");
     tellLog(line);
-    writeAll(STDERR_FILENO, line + '\n');
+    if (!isAt(STDERR_FILENO))
+        writeAll(STDERR_FILENO, line + '\n');
 }

@@ -11,6 +11,8 @@ inline constexpr char path[] = "/com/corvale/macos/helper";
 inline constexpr char getVersion[] = "getVersion";   ///< () → s
 inline constexpr char runOpenVPN[] = "runOpenVPN";   ///< (s config, s client_up, s client_down) → i
 inline constexpr char killOpenVPN[] = "killOpenVPN"; ///< ()
+/// The helper is leaving and has not begun to do what the message asks: the next one will, when it is sent again.
+inline constexpr char leaving[] = "com.corvale.macos.helper.Error.Leaving";
 inline constexpr char errorPrefix[] = "com.corvale.macos.helper.Error.";
 } // namespace HelperNames
 

@@ -236,6 +236,20 @@ TEST_F(HelperTest, aSecondHelperLeavesTheTunnelOfTheFirstAlone)
     EXPECT_EQ(outcome(tunnel), "7");
 }
 
+TEST_F(HelperTest, aRequestThatMeetsTheHelpersEndIsLeftToTheNextOneAfterThatEnd)
+{
+    openvpn("trap 'echo >" + path(u"told").toUtf8() + "; sleep 0.3; exit 7' TERM; " + readAndStay(":"));
+    const auto running = run();
+    ASSERT_TRUE(ready());
+    const pid_t first = helperPid();
+    ::kill(first, SIGTERM);
+    ASSERT_TRUE(waitFor([&] { return QFile::exists(path(u"told")); }));
+    EXPECT_EQ(outcome(run()), "Leaving");
+    EXPECT_NE(helperPid(), first); // it has given up its name before it says so
+    EXPECT_EQ(outcome(running), "7");
+    EXPECT_EQ(contents(path(u"started")).count('\n'), 1);
+}
+
 TEST_F(HelperTest, aHelperWithoutWorkLeavesAndTheNextMessageStartsAnother)
 {
     limits(100, 10'000);

@@ -149,6 +149,17 @@ TEST_F(ScriptsTest, aLinkStaysTheLinkThatItWasAndWhatIsBehindItComesBack)
     }
 }
 
+TEST_F(ScriptsTest, runsThatMeetDoNotLoseTheFile)
+{
+    // client.up is held up between its note and the file that it is about to write.
+    write("tool", "#!/bin/sh\ncase $* in *options*) sleep 0.3 ;; esac\nexec /bin/grep \"$@\"\n");
+    EXPECT_EQ(inside(with("grep") + "env dev=tun0 foreign_option_1='dhcp-option DNS 10.8.0.1' UP &\n"
+                                    "until [ -s /run/corvale/dns ]; do :; done; DOWN & DOWN & DOWN; wait; DOWN\n"
+                                    "[ -z \"$(ls /run/corvale)\" ]; [ ! -e /etc/resolv.conf.corvale ]"),
+              0);
+    EXPECT_EQ(read("resolv.conf"), original);
+}
+
 TEST_F(ScriptsTest, whatAnotherNetworkHasWrittenMeanwhileStays)
 {
     write("other", "nameserver 10.20.0.1\n");
@@ -231,6 +242,11 @@ TEST_F(ScriptsTest, ofTheRoutesThatAKilledOpenVPNLeavesItsOwnAreTakenBackAndNoOt
          "> 2001:db8::21 via fe80::1 dev wan metric 1024 pref medium\n"},
         {"trusted_ip6=2001:db8::20 route_ipv6_network_1=2001:db8::20/128 route_ipv6_gateway_1=::",
          "add 2001:db8::20 dev wan metric 1", ""},
+        // In the same network, as OpenVPN 2.7 makes it and as 2.6 does.
+        {"trusted_ip=198.51.100.20 route_net_gateway=198.51.100.1 trusted_ip6=fd01::20",
+         "add 198.51.100.20 dev wan; add fd01::20 dev wan metric 1; add 198.51.100.21 dev wan",
+         "> 198.51.100.21 dev wan scope link \n"},
+        {"trusted_ip=198.51.100.20 route_net_gateway=198.51.100.1", "add 198.51.100.20 via 198.51.100.1", ""},
         {"trusted_ip='203.0.113.20 via 198.51.100.9' route_net_gateway='$(touch evaluated)' route_network_1='`touch "
          "evaluated`' route_netmask_1=* route_gateway_1=198.51.100.1 trusted_ip6='::1;touch evaluated'",
          "add 203.0.113.20 via 198.51.100.9", "> 203.0.113.20 via 198.51.100.9 dev wan \n"},

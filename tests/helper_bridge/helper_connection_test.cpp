@@ -93,6 +93,14 @@ protected:
 
 } // namespace
 
+TEST_F(HelperConnectionTest, whatALeavingHelperHasNotBegunIsDoneByItsSuccessor)
+{
+    start();
+    script(watched(), u"leave"_s, PrivateBus::folder() + u"/left"_s);
+    ASSERT_TRUE(events->reach(1));
+    EXPECT_THAT(events->all(), ElementsAre("status 7"));
+}
+
 TEST_F(HelperConnectionTest, theDelegateKeepsOneConnectionUntilItIsInvalidatedAndThenMakesAFreshOne)
 {
     const CapturedLog log;

@@ -6,6 +6,7 @@
 #include <QDBusConnection>
 #include <QDBusMessage>
 #include <QDBusVirtualObject>
+#include <QFile>
 
 #include <cstdlib>
 #include <unistd.h>
@@ -43,6 +44,8 @@ public:
             bus.send(message.createErrorReply(first, second));
         else if (action == "die"_L1)
             ::_exit(1);
+        else if (action == "leave"_L1)
+            leave(bus, message, first);
         return true; // any other is never answered
     }
 
@@ -50,6 +53,19 @@ public slots:
     void busLost() { ::_exit(0); }
 
 private:
+    /// The one after it finds the file, and replies.
+    static void leave(QDBusConnection bus, const QDBusMessage &message, const QString &file)
+    {
+        QFile mark(file);
+        if (!mark.open(QIODevice::NewOnly)) {
+            bus.send(message.createReply(7));
+            return;
+        }
+        bus.unregisterService(QLatin1String(HelperNames::service));
+        bus.send(message.createErrorReply(QLatin1String(HelperNames::leaving), u"Again."_s));
+        QCoreApplication::quit();
+    }
+
     const QString version_;
 };
 
