@@ -7,10 +7,11 @@ set -eu
 wanted=$(awk -v purposes=" $* " '
     sub(/^\[/, "") && sub(/\]$/, "") { taken = purposes ~ /^ *$/ || index(purposes, " " $0 " "); next }
     taken && !/^#/' "$(dirname "$0")/../packages.txt")
+# In one Debian a package of its own, in the next one part of another, which provides the name.
+there=$(dpkg-query -W -f '${db:Status-Status} ${Package} ${Provides}\n' | sed -n 's/^installed //p' | tr -s ', ' '\n')
 missing=
 for package in $wanted; do
-    status=$(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null) || status=
-    [ "$status" = installed ] || missing="$missing $package"
+    echo "$there" | grep -qxF "$package" || missing="$missing $package"
 done
 [ -n "$missing" ] || exit 0
 

@@ -11,8 +11,8 @@ class CapturedLog {
 public:
     CapturedLog() : before_(::dup(STDERR_FILENO))
     {
-        file_.open();
-        ::dup2(file_.handle(), STDERR_FILENO);
+        if (file_.open())
+            ::dup2(file_.handle(), STDERR_FILENO);
     }
     ~CapturedLog()
     {
