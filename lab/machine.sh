@@ -102,8 +102,13 @@ name_server() {
     resolved) package=systemd-resolved ;;
     resolvconf) package=resolvconf ;;
     esac
-    [ -z "$package" ] || DEBIAN_FRONTEND=noninteractive apt-get install -y --no-download "$package" >"$log/resolver" 2>&1 ||
-        { cat "$log/resolver" >&2; exit 1; }
+    if [ -n "$package" ]; then
+        export DEBIAN_FRONTEND=noninteractive
+        apt-get install -y --no-install-recommends --no-download "$package" >"$log/resolver" 2>&1 ||
+            { cat "$log/resolver" >&2; exit 1; }
+        # The bus did not know its user yet when it was started.
+        [ "$package" != systemd-resolved ] || systemctl restart systemd-resolved
+    fi
     if booted && systemctl --quiet is-active systemd-resolved; then
         ln -sf ../run/systemd/resolve/stub-resolv.conf /etc/resolv.conf
         resolvectl dns wan "$address"

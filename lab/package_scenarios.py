@@ -87,7 +87,7 @@ def ended_by(stage, what, end):
     took = stage.person.sees("Conectar", began) - began
     print(f'  {what} with a tunnel up: {time.time() - began:.3f} s; button "Conectar" after {took:.3f} s')
     machine.check_gone()
-    expect(not run_folder(), "something was left in the run folder")
+    wait_for("an empty run folder", lambda: not run_folder())
     expect(what.startswith("kill -9 of OpenVPN") or helper_pid() != helper, "the helper of before still runs")
     return took
 
