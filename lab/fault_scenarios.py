@@ -8,8 +8,8 @@ import typing
 
 import machine
 from helper_calls import HELPER, HOLD, call, expect, start_helper
-from life_scenarios import connected_again, disconnecting, starting
-from session import LOGS, Failure, wait_for
+from life_scenarios import connected_again, disconnecting, log, starting
+from session import Failure, wait_for
 from stage import ANA, Stage
 from traces import check_as_before, nobody_waits_for, settled_traces
 from victims import server_pid, victims, wake
@@ -152,10 +152,6 @@ def go_on():
 
 
 # ---- one cell
-
-def log(name):
-    return (LOGS / name).read_text(encoding="utf-8")
-
 
 def invalidations():
     return log("system").count("XPC Connection Invalidated")

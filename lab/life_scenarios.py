@@ -1,16 +1,22 @@
 """A tunnel's life: who comes back to it, what it leaves behind, and what becomes of it when one of the three is killed."""
 import os
+import random
 import signal
+import threading
 import time
 
 import machine
 import plain
-from helper_calls import CANONICAL, HANDED_OUT, HELPER, call, expect, hand_out, kill_helper, start_helper
-from session import Failure, wait_for
+from helper_calls import CANONICAL, HANDED_OUT, HELPER, call, expect, hand_out, helper_pid, kill_helper, start_helper
+from session import LOGS, Failure, wait_for
 from stage import ANA, Stage
 from traces import check_as_before, nobody_waits_for, rested, settled_traces
 
 # ---- a client that comes back to a running tunnel
+
+def log(name):
+    return (LOGS / name).read_text(encoding="utf-8")
+
 
 def takeover():
     profile = plain.profile()
@@ -62,6 +68,34 @@ def cycles(count=20):
     now = rested(stage, rest)
     print(f"  the client's descriptors at rest: {rest} before, {now} now")
     expect(now <= rest, "the client keeps descriptors")
+
+
+# ---- a helper that leaves just when it is needed
+
+def handover(count=25):
+    """It ends at a random moment of the click, as when it has been idle or is being upgraded: the request is served."""
+    stage = Stage()
+    stage.connect()
+    stage.disconnect()
+    served = 0
+    for _ in range(count):
+        helper, said = start_helper(), len(log("system"))
+        timer = threading.Timer(random.random() / 40, os.kill, (helper, signal.SIGTERM))
+        timer.start()
+        click = stage.person.do("click")["time"]
+        stage.person.sees("Conectando...", click)
+        timer.join()
+        # An OpenVPN that had been started ends with its helper.
+        ended = lambda: "OpenVPN exited: " in log("system")[said:]
+        wait_for("the tunnel, or its end", lambda: ended() or stage.person.do("window")["title"] == "Desconectar")
+        expect("XPCService error" not in log("system")[said:], f"a request was lost: {log('system')[said:]}")
+        expect(helper_pid() != helper, "the helper did not end")
+        if not ended():
+            served += 1
+            stage.disconnect()
+        machine.check_gone()
+    print(f"  {count} clicks while the helper left: {served} connected, {count - served} begun and ended with it")
+    expect(served, "the helper left too late each time")
 
 
 # ---- kill -9

@@ -4,7 +4,7 @@
 #
 #   client machine 198.51.100.2 ── 198.51.100.1 "internet" ── 10.77.0.2 "behind" 10.77.0.1
 #                                  203.0.113.10 account service             only through the tunnel
-#                                  203.0.113.20 OpenVPN server
+#                                  203.0.113.20 OpenVPN server, also 198.51.100.20, without a way between
 set -euo pipefail
 
 lab=$(cd "$(dirname "$0")" && pwd)
@@ -68,6 +68,7 @@ networks() {
     ip -n internet address add 203.0.113.10/32 dev lo
     ip -n internet address add 203.0.113.20/32 dev lo
     ip -n internet address add 198.51.100.1/24 dev home
+    ip -n internet address add 198.51.100.20/24 dev home
     ip -n internet link set home up
     ip route add default via 198.51.100.1
 

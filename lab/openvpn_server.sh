@@ -20,7 +20,7 @@ SCRIPT
     : >"$log"
     exec ip netns exec internet openvpn --daemon --writepid "$pid" --log-append "$log" --verb 3 \
         --dev tun --topology subnet --server 10.8.0.0 255.255.255.0 \
-        --proto udp --local 203.0.113.20 --port 1194 --keepalive 1 4 --explicit-exit-notify 1 \
+        --proto udp --multihome --port 1194 --keepalive 1 4 --explicit-exit-notify 1 \
         --ca "$keys/tunnel_authority.crt" --cert "$keys/tunnel.crt" --key "$keys/tunnel.key" \
         --dh none --tls-crypt "$keys/tunnel_shared.key" \
         --verify-client-cert none --username-as-common-name --script-security 2 \

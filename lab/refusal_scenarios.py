@@ -9,7 +9,7 @@ import plain
 from helper_calls import (
     HELPER, call, expect, helper_pid, kill_helper, own_file, run_arguments, run_folder, send, start_helper,
 )
-from session import HERE, LOGS, wait_for
+from session import BOOTED, HERE, LOGS, wait_for
 from stage import Stage
 
 UNIT = HERE.parent / "packaging/systemd" / f"{HELPER}.service"
@@ -73,10 +73,8 @@ def refused(what, said, error):
 
 # ---- under the limits of the unit
 
-def confined():
-    unit = dict(line.split("=", 1) for line in UNIT.read_text(encoding="ascii").splitlines() if "=" in line)
-    capabilities = ",".join("+" + name.removeprefix("CAP_").lower() for name in unit["CapabilityBoundingSet"].split())
-    writable = unit["ReadWritePaths"].split()
+def confine(unit, capabilities, writable):
+    """What systemd would do, as far as it can be done by hand."""
     wrapper = pathlib.Path("/run/lab/confined")
     wrapper.write_text("\n".join([
         "#!/bin/sh -e",
@@ -90,6 +88,14 @@ def confined():
     activation = ACTIVATION.read_text(encoding="ascii")
     ACTIVATION.write_text(activation.replace(unit["ExecStart"], f"/usr/bin/unshare --mount {wrapper}"), encoding="ascii")
     call("root", "org.freedesktop.DBus.ReloadConfig", to="org.freedesktop.DBus", path="/")
+
+
+def confined():
+    unit = dict(line.split("=", 1) for line in UNIT.read_text(encoding="ascii").splitlines() if "=" in line)
+    capabilities = ",".join("+" + name.removeprefix("CAP_").lower() for name in unit["CapabilityBoundingSet"].split())
+    writable = unit["ReadWritePaths"].split()
+    if not BOOTED:
+        confine(unit, capabilities, writable)
     print(f"  capabilities: {capabilities}; writable: {' '.join(writable)}")
     stage = Stage()
     stage.connect()

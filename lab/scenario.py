@@ -2,7 +2,7 @@
 
 usage: scenario.py connect|wrong-password|server-late|server-restart|server-reset|rejected|reuse|plain
        scenario.py window-figures|click-figures                                what it costs
-       scenario.py takeover|cycles|kills|refusals|confined|profiles|race       what the helper promises
+       scenario.py takeover|cycles|handover|kills|refusals|confined|profiles|race       what the helper promises
        scenario.py faults [PART]|obstacles|soak [CYCLES]                        what it endures
        scenario.py steps                                                        what the log tells of it
        scenario.py install|install-refused|package                             how the product gets into the system
@@ -22,7 +22,7 @@ from configuration_scenarios import profiles, race
 from fault_scenarios import faults
 from figure_scenarios import FIGURE_SCENARIOS
 from install_scenarios import INSTALL_SCENARIOS
-from life_scenarios import cycles, kills, takeover
+from life_scenarios import cycles, handover, kills, takeover
 from log_scenarios import steps
 from obstacle_scenarios import obstacles
 from package_scenarios import PACKAGE_SCENARIOS
@@ -166,6 +166,7 @@ SCENARIOS = {
     "plain": plain_only,
     "takeover": takeover,
     "cycles": cycles,
+    "handover": handover,
     "kills": kills,
     "refusals": refusals,
     "confined": confined,

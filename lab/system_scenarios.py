@@ -1,16 +1,19 @@
 """What a user's system makes of the package: whatever ends a tunnel, its name servers and routes are as before."""
 import os
 import pathlib
+import shutil
 import signal
 import subprocess
-import time
 
 import machine
-from helper_calls import HELPER, helper_pid, kill_helper
+import plain
+from helper_calls import HANDED_OUT, HELPER, RUN, expect, hand_out, kill_helper
 from package_scenarios import done, ended_by, repacked
 from session import BUILD, wait_for
 from stage import Stage
 
+UNIT = "corvale-restore.service"
+NEAR = "kill -9 of OpenVPN, whose server is in this network,"
 VERSIONS = ("openvpn", "libqt6core6", "libqt6core6t64", "systemd", "polkitd")
 
 
@@ -29,6 +32,7 @@ def system():
     hits = {
         "kill -9 of the helper": kill_helper,
         "kill -9 of OpenVPN": lambda: os.kill(machine.openvpn_pid(), signal.SIGKILL),
+        NEAR: lambda: os.kill(machine.openvpn_pid(), signal.SIGKILL),
         "systemctl stop": lambda: done("systemctl", "stop", HELPER),
         "upgrade": lambda: done(*install, other),
         "downgrade": lambda: done(*install, BUILD),
@@ -42,11 +46,38 @@ def system():
     for what, hit in hits.items():
         if what == "purge":
             done(*install, BUILD)
+        if what == NEAR:
+            hand_out(plain.profile().replace("remote vpn.corvale.example", "remote 198.51.100.20"))
         stage.connect()
+        HANDED_OUT.unlink(missing_ok=True)
         took.append(f"{what} {ended_by(stage, what, hit):.1f} s")
         # A helper that was killed has told nobody; then OpenVPN's own last word stands.
         wait_for("the client to hear of the end", lambda: stage.states()[-1] in ("EXITING", "NOPROCESS"))
+    if machine.resolver() == "file":
+        took.append(power_cut(stage))
     print(f"  row: {release}, OpenVPN {installed('openvpn')}, name servers by {machine.resolver()}: {'; '.join(took)}:")
+
+
+def power_cut(stage):
+    """The machine has ended with the tunnel up, and boots: the client and the helper have not been started yet."""
+    done("apt-get", "install", "--yes", BUILD)
+    stage.connect()
+    files = {path: path.read_bytes() for path in (machine.RESOLVER, machine.KEPT)}
+    stage.disconnect()
+    done("systemctl", "stop", HELPER)
+    shutil.rmtree(RUN, ignore_errors=True)
+    for path, text in files.items():
+        path.write_bytes(text)
+    wanted = done("systemctl", "show", "--property=Wants", "sysinit.target")
+    expect(UNIT in wanted, f"nothing restores them at boot: {wanted}")
+    done("systemctl", "start", UNIT)
+    expect(machine.name_servers() == machine.BEFORE and not machine.KEPT.exists(), "the boot does not restore them")
+    # Whatever has it started later must not take a tunnel's name servers away.
+    stage.connect()
+    done("systemctl", "start", UNIT)
+    machine.check_connected()
+    stage.disconnect()
+    return "power cut, at boot"
 
 
 SYSTEM_SCENARIOS = {"system": system}
