@@ -254,7 +254,9 @@ TEST_F(ScriptsTest, ofTheRoutesThatAKilledOpenVPNLeavesItsOwnAreTakenBackAndNoOt
     for (const Row &row : rows) {
         // No name server was pushed, and the second tunnel comes after a crash.
         EXPECT_EQ(
-            inside("ip link add wan type veth peer far; ip link set far up; ip link set wan up; ip link set lo up\n"
+            // Without addresses that the kernel would give the links some time later.
+            inside("ip link add wan type veth peer far; ip link set lo up\n"
+                   "ip link set far addrgenmode none up; ip link set wan addrgenmode none up\n"
                    "ip address add 198.51.100.2/24 dev wan; ip address add fd01::2/64 dev wan nodad\n"
                    "ip route add default via 198.51.100.1 metric 100 proto dhcp\n"
                    "ip route add 192.0.2.7 via 198.51.100.1; ip -6 route add default dev wan metric 100\n"
