@@ -6,9 +6,9 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 # The longest first.
-scenarios=(faults "soak 100" steps obstacles kills install race cycles profiles pictures install-refused package quit
-    tray keyboard takeover reopen refusals confined server-restart server-late server-reset reuse wrong-password rejected
-    reader no-bus connect window-figures click-figures)
+scenarios=(faults cycles "soak 100" kills handover steps race obstacles package pictures profiles install quit tray keyboard
+    takeover reopen refusals confined server-restart server-late server-reset reuse wrong-password rejected install-refused
+    no-bus reader connect)
 [ $# -eq 0 ] || scenarios=("$@")
 
 one() {
