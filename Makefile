@@ -5,7 +5,7 @@ JOBS ?= $(shell nproc)
 FUZZ_SECONDS ?= 60
 export CTEST_OUTPUT_ON_FAILURE = 1
 
-.PHONY: build test demo screenshots bench faults asan tsan lint fuzz packages install uninstall deb clean
+.PHONY: build test demo screenshots bench faults lab systems asan tsan lint fuzz packages install uninstall deb clean
 
 # Installs the packages for these purposes, and builds the product and whatever else is asked for.
 # $(call made,PURPOSE...[,OPTION...][,TARGET...])
@@ -60,13 +60,23 @@ bench:
 	bench/figures.py
 
 # Each part killed, stopped and restarted in each phase of a connection, what may stand in the way, and what
-# the log says when a step fails; eight minutes.
+# the log says when a step fails; with systemd as the machine's first process, and without it.
 faults:
 	lab/demo.sh check
 	$(call made,build run demo lab)
-	lab/demo.sh faults
-	lab/demo.sh obstacles
-	lab/demo.sh steps
+	lab/all.sh faults obstacles steps
+
+# Every scenario of the lab, those of `make faults` included.
+lab:
+	lab/demo.sh check
+	$(call made,build run demo lab package)
+	lab/all.sh
+
+# The package on Debian 12, 13 and testing, each booted with its own systemd, and the sources on Debian 13.
+systems:
+	@packaging/install-packages.sh demo lab systems
+	$(MAKE) --no-print-directory deb
+	lab/systems.sh
 
 # The running system hears of it at once; any other place is only filled.
 to_the_system = $(if $(patsubst %/,%,$(DESTDIR))$(filter-out /usr,$(patsubst %/,%,$(PREFIX))),,$(1))

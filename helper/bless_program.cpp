@@ -198,6 +198,7 @@ int remove(const BlessPaths &paths)
     errors = {BlessFiles::remove(paths.helper())};
     for (const Placed &file : companions(paths))
         errors.push_back(BlessFiles::remove(file.path));
+    QDir().rmdir(QFile::decodeName(paths.units + "/sysinit.target.d")); // when nobody else has something there
     errors.push_back(bus.reload(systemdRuns(paths)));
     return report(errors);
 }

@@ -12,6 +12,7 @@ using Kind = HelperError::Kind;
 namespace {
 
 constexpr size_t maxHandedOver = 256; // requests; each may be as long as three names
+constexpr int lastWordTimeout = 1000; // ms
 
 /// Whether the arguments are short enough to be the names of files.
 bool areNames(const QVariantList &arguments)
@@ -55,9 +56,13 @@ void HelperService::finish()
 void HelperService::handOver()
 {
     while (!open_.empty()) {
-        const Request request = *open_.begin();
+        const Request request = open_.front();
         answer(request, errorReply(*request, {Kind::Leaving, "The helper is leaving. Send this again."}));
     }
+    // A round trip, so that the answers have left this process before it ends.
+    bus_.call(QDBusMessage::createMethodCall(u"org.freedesktop.DBus"_s, u"/org/freedesktop/DBus"_s,
+                                             u"org.freedesktop.DBus.Peer"_s, u"Ping"_s),
+              QDBus::Block, lastWordTimeout);
     emit finished();
 }
 
@@ -76,7 +81,7 @@ bool HelperService::handleMessage(const QDBusMessage &message, const QDBusConnec
     if (!mine || !(isVersion || isRun || isKill))
         return false;
     const auto request = std::make_shared<const QDBusMessage>(message);
-    open_.insert(request);
+    open_.push_back(request);
     if (isVersion)
         answer(request, message.createReply(QStringLiteral(CORVALE_VERSION)));
     else if (isRun && !areNames(message.arguments()))
@@ -148,7 +153,7 @@ void HelperService::kill(const Request &request, const Authority::Caller &caller
 
 void HelperService::answer(const Request &request, const QDBusMessage &reply)
 {
-    if (open_.erase(request) == 0)
+    if (std::erase(open_, request) == 0)
         return; // it has been left to the next helper
     // A sender that wants no answer may not get one, or the bus would log it.
     if (request->isReplyRequired())

@@ -12,7 +12,7 @@
 
 #include <functional>
 #include <memory>
-#include <set>
+#include <vector>
 
 /// The helper's object on the bus: takes the three messages and answers each once. Main thread.
 class HelperService final : public QDBusVirtualObject {
@@ -53,7 +53,7 @@ private:
     Authority authority_;
     RequestJudge judge_;
     Tunnel tunnel_;
-    std::set<Request> open_; ///< those without an answer
-    bool ending_ = false;    ///< no tunnel is started any more
+    std::vector<Request> open_; ///< those without an answer, in the order of their arrival
+    bool ending_ = false;       ///< no tunnel is started any more
     QTimer idle_;
 };

@@ -11,6 +11,6 @@ DESTDIR=$place cmake --install "$@" >/dev/null
 
 there() { (cd "$place" && find . -depth "$@" -printf '/%P\n'); }
 there ! -type d | while read -r file; do rm -f "${DESTDIR:-}$file"; done
-there -type d -path '*/corvale*' | while read -r folder; do
+there -type d '(' -path '*/corvale*' -o -name sysinit.target.d ')' | while read -r folder; do
     [ ! -d "${DESTDIR:-}$folder" ] || rmdir --ignore-fail-on-non-empty "${DESTDIR:-}$folder"
 done

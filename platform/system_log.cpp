@@ -29,8 +29,9 @@ int connectToLog()
     return -1;
 }
 
-/// syslog(3) would wait for a daemon that does not read, and with it the window, and the helper.
-void tellLog(const QByteArray &line)
+/// syslog(3) would wait for a daemon that does not read, and with it the window, and the helper. False without a
+/// daemon.
+bool tellLog(const QByteArray &line)
 {
     static std::mutex guard; // of `log`
     static int log = -1;
@@ -45,11 +46,13 @@ void tellLog(const QByteArray &line)
     for (int attempt = 0; attempt < 2; ++attempt) {
         if (log < 0)
             log = connectToLog();
-        if (log < 0 || ::send(log, message.constData(), static_cast<size_t>(message.size()), MSG_NOSIGNAL) >= 0 ||
-            errno == EAGAIN)
-            return;
+        if (log < 0)
+            break;
+        if (::send(log, message.constData(), static_cast<size_t>(message.size()), MSG_NOSIGNAL) >= 0 || errno == EAGAIN)
+            return true;
         ::close(std::exchange(log, -1));
     }
+    return false;
 }
 
 } // namespace
@@ -72,7 +75,7 @@ void SystemLog::write(QStringView text)
     while (line.endsWith('\n'))
         line.chop(1);
     line.replace('\n', "\\n").replace('\0', "\\0");
-    tellLog(line);
-    if (!isAt(STDERR_FILENO))
+    const bool isTold = tellLog(line);
+    if (!isTold || !isAt(STDERR_FILENO))
         writeAll(STDERR_FILENO, line + '\n');
 }

@@ -176,6 +176,11 @@ TEST_F(ScriptsTest, theServersComeBackAfterTheMachineEndedWithTheTunnelUp)
     EXPECT_EQ(read("resolv.conf"), original);
     EXPECT_EQ(inside(up + "mount -t tmpfs none /run; " + up + "DOWN"), 0);
     EXPECT_EQ(read("resolv.conf"), original);
+    // A network manager's file, in a folder that it makes itself.
+    EXPECT_EQ(inside("mount -t tmpfs none /etc; mkdir /run/manager; cp resolv.conf /run/manager\n"
+                     "ln -s /run/manager/resolv.conf /etc; " +
+                     up + "mount -t tmpfs none /run; DOWN; [ ! -e /etc/resolv.conf.corvale ]"),
+              0);
 }
 
 TEST_F(ScriptsTest, aFullDiskLosesNothing)
