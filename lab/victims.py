@@ -8,7 +8,7 @@ import subprocess
 
 import machine
 from helper_calls import call, helper_pid, owner, start_helper
-from session import HERE, LOGS, Failure, wait_for
+from session import BOOTED, HERE, LOGS, Failure, wait_for
 
 BUS = ("org.freedesktop.DBus", "/")
 POLKIT = "org.freedesktop.PolicyKit1"
@@ -50,8 +50,11 @@ def start_polkit():
 
 
 def start_bus():
-    with open(LOGS / "bus", "a", encoding="utf-8") as log:
-        start_in_background("dbus-daemon", "--system", "--nofork", "--nopidfile", log=log)
+    if BOOTED:
+        subprocess.run(["systemctl", "start", "dbus.service"], check=True)
+    else:
+        with open(LOGS / "bus", "a", encoding="utf-8") as log:
+            start_in_background("dbus-daemon", "--system", "--nofork", "--nopidfile", log=log)
     wait_for("the system bus", lambda: "array" in bus_call("ListNames"))
     start_polkit()
 
