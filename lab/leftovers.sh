@@ -10,11 +10,15 @@ note() {
     find /run/netns -mindepth 1 2>/dev/null | sed 's/^/namespace /' || true
 }
 
-# The machine's first words are the names of its namespaces; a process that is still in one has outlived it.
+# The machine's first words are the names of its namespaces; a process that is still in one has outlived it. The kernel
+# gives such a name to another machine at once, whose processes are younger than this one's end.
 strays() {
+    ended=$(cat "$1/ended")
     while read -r namespace; do
         for link in /proc/[0-9]*/ns/"${namespace%%:*}"; do
-            [ "$(readlink "$link")" != "$namespace" ] || echo "process $link"
+            [ "$(readlink "$link")" = "$namespace" ] || continue
+            sed 's/.*) //' "${link%/ns/*}/stat" 2>/dev/null |
+                awk -v ended="$ended" -v link="$link" '$20 / 100 <= ended { print "process " link }'
         done
     done <"$1/namespaces"
 }
@@ -40,6 +44,6 @@ compare)
     fi
     echo "Left on this machine: no process, mount, interface or file" \
         "($(wc -l <"$3/written") files were written inside)."
-    rm "$3/namespaces" "$3/written"
+    rm "$3/namespaces" "$3/written" "$3/ended"
     ;;
 esac

@@ -18,6 +18,7 @@ finish() {
     status=$?
     # What the machine leaves for the check afterwards: each file that it put on top of the host's.
     find /run/lab/upper -type f -printf '/%P\n' | sort >"$said/written"
+    cut -d' ' -f1 /proc/uptime >"$said/ended"
     exit "$status"
 }
 trap finish EXIT

@@ -22,7 +22,7 @@ from configuration_scenarios import profiles, race
 from fault_scenarios import faults
 from figure_scenarios import FIGURE_SCENARIOS
 from install_scenarios import INSTALL_SCENARIOS
-from life_scenarios import cycles, handover, kills, takeover
+from life_scenarios import cycles, handover, kills, log, takeover
 from log_scenarios import steps
 from obstacle_scenarios import obstacles
 from package_scenarios import PACKAGE_SCENARIOS
@@ -64,8 +64,9 @@ def wrong_password():
     click = stage.person.sign_in(*BERTA)
     stage.person.sees("Conectando...", click)
     print(f'  button "Conectar" again after {stage.person.sees("Conectar", click) - click:.3f} s')
-    stage.expect("AUTH_FAILED" in (LOGS / "server").read_text(encoding="utf-8"), "the server refused nothing")
-    stage.expect("AUTH" in stage.states(), "OpenVPN never came as far as the password")
+    stage.expect("AUTH_FAILED" in log("server"), "the server refused nothing")
+    # Its state then may be gone before the reader, which looks ten times a second, has told of it.
+    stage.expect("AUTH_FAILED" in log("system"), "OpenVPN never came as far as the password")
     machine.check_gone()
     stage.expect(stage.person.do("fields")["enabled"], "the fields stay locked")
     print("  the other subscriber, in the same window:")
