@@ -45,7 +45,7 @@ const char *__tsan_default_suppressions()
 {
     return
         // Qt's own bus thread looks at the receiver of a signal under locks that the sanitizer cannot see.
-        "race:BusSession::metaObject\n"
+        "race:HelperSession::metaObject\n"
         // What a posted call carries is handed over under the lock of Qt's event queue, which it cannot see, either:
         // only a thread that had to be woken for the call is known to run it later.
         "race:invokeMethod\n";

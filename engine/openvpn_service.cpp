@@ -4,7 +4,6 @@
 #include "bundle.h"
 #include "connection_state.h"
 #include "helper_connection.h"
-#include "message_connection.h"
 #include "standard_output.h"
 #include "system_log.h"
 

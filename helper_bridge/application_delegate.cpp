@@ -1,10 +1,6 @@
 #include "application_delegate.h"
 
-#include "authorization.h"
-#include "bundle.h"
 #include "helper_connection.h"
-#include "info_dictionary.h"
-#include "message_connection.h"
 #include "system_log.h"
 
 #include <QCoreApplication>
@@ -12,23 +8,7 @@
 #include <atomic>
 #include <utility>
 
-using namespace Qt::StringLiterals;
-
 namespace {
-
-const QString label = QString::fromLatin1(HelperNames::service);
-
-QString bundleHelper()
-{
-    return Bundle::location() + u"/Contents/Library/LaunchServices/"_s + label;
-}
-
-/// Queued, so that it works from every thread and also before the event loop runs.
-void terminate()
-{
-    QMetaObject::invokeMethod(
-        QCoreApplication::instance(), [] { QCoreApplication::exit(); }, Qt::QueuedConnection);
-}
 
 std::atomic<ApplicationDelegate *> delegate = nullptr;
 
@@ -91,38 +71,4 @@ void ApplicationDelegate::forget(const std::weak_ptr<HelperConnection> &connecti
     // A newer connection may have taken the place meanwhile: that one stays.
     if (xpcHelperConnection_ && xpcHelperConnection_ == connection.lock())
         forgotten.swap(xpcHelperConnection_);
-}
-
-void ApplicationDelegate::shouldInstallHelperWithCallback(const std::function<void(bool)> &callback)
-{
-    const auto bundleVersion = InfoDictionary::textInFile(bundleHelper(), "CFBundleVersion");
-    if (!bundleVersion) {
-        callback(false);
-        return;
-    }
-    SystemLog::write(u"Helper: Bundle Version => "_s + *bundleVersion);
-    const auto helper = helperConnection()->remoteObjectProxyWithErrorHandler([callback](const MessageError &error) {
-        SystemLog::write(error.text.isEmpty() ? error.name : error.text);
-        callback(false);
-    });
-    helper->getVersionWithResponseHandler([callback, bundleVersion](const QString &installedVersion) {
-        SystemLog::write(u"Helper: Installed Version => "_s + installedVersion);
-        callback(installedVersion == *bundleVersion);
-    });
-}
-
-void ApplicationDelegate::installHelper()
-{
-    using namespace Authorization;
-    const Status status = AuthorizationCreate({{"com.apple.ServiceManagement.blesshelper"}},
-                                              InteractionAllowed | ExtendRights | PreAuthorize);
-    if (status != success) {
-        SystemLog::write(u"Authorization error: Error Domain=NSOSStatusErrorDomain Code=%1 \"(null)\""_s.arg(status));
-        terminate();
-    } else if (const auto error = Blessing::SMJobBless(bundleHelper(), programs_)) {
-        SystemLog::write(u"Bless Error: "_s + *error);
-        terminate();
-    } else {
-        SystemLog::write(label + u" installed successfully"_s);
-    }
 }

@@ -1,22 +1,270 @@
 #include "helper_connection.h"
 
-#include "message_connection.h"
+#include "background_queue.h"
 
+#include <QDBusConnection>
+#include <QDBusError>
+#include <QDBusMessage>
+#include <QDBusPendingCallWatcher>
+#include <QObject>
+#include <QThread>
+
+#include <algorithm>
+#include <atomic>
+#include <limits>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <set>
 #include <utility>
+#include <vector>
 
 using namespace Qt::StringLiterals;
 
 namespace {
 
-QString text(const char *name)
+// For Qt, and for the bus library below it, this very number means no limit; -1 would mean 25 seconds.
+constexpr int noTimeLimit = std::numeric_limits<int>::max();
+
+/// What says that nobody can be reached under the helper's name, or that the bus or the helper keeps this client away.
+/// An ending dot stands for every name that goes on from there.
+constexpr QLatin1String invalidating[] = {
+    "com.corvale.macos.helper.Error.NotAuthorized"_L1,
+    "org.freedesktop.DBus.Error.AccessDenied"_L1,
+    "org.freedesktop.DBus.Error.AuthFailed"_L1,
+    "org.freedesktop.DBus.Error.Disconnected"_L1,
+    "org.freedesktop.DBus.Error.NameHasNoOwner"_L1,
+    "org.freedesktop.DBus.Error.ServiceUnknown"_L1,
+    "org.freedesktop.DBus.Error.Spawn."_L1,
+    "org.freedesktop.DBus.Error.TimedOut"_L1,
+    "org.freedesktop.systemd1."_L1,
+};
+
+bool invalidates(const QString &error)
 {
-    return QString::fromLatin1(name);
+    return std::ranges::any_of(invalidating, [&error](QLatin1String known) {
+        return known.endsWith('.'_L1) ? error.startsWith(known) : error == known;
+    });
 }
+
+const QString localPath = u"/org/freedesktop/DBus/Local"_s;
+const QString localInterface = u"org.freedesktop.DBus.Local"_s;
+const QString disconnected = u"Disconnected"_s;
+
+QString uniqueName()
+{
+    static std::atomic<unsigned> made = 0;
+    return u"helper-connection-"_s + QString::number(++made);
+}
+
+/// The private thread of all connections: there is one at a time, and another only after its invalidation. Leaked,
+/// since whoever still has a connection when the process ends may let go of it after this thread's end.
+class PrivateThread final : public QThread {
+public:
+    static PrivateThread &shared()
+    {
+        static auto *const one = new PrivateThread;
+        return *one;
+    }
+    std::set<HelperSession *> sessions; ///< touched on this thread alone
+
+private:
+    void run() override;
+};
+
+} // namespace
+
+/// What a connection and its proxies share: the bus, and the messages that await their reply. It lives on the private
+/// thread, where it ends itself once both are gone and the last reply is there. Only what is marked may be called on
+/// another thread.
+class HelperSession final : public QObject {
+    Q_OBJECT
+public:
+    struct Message {
+        QString member;
+        QVariantList arguments;
+        std::function<void(const QVariantList &)> onReply;
+        HelperConnection::ErrorHandler onError;
+    };
+
+    static std::shared_ptr<HelperSession> make();               ///< any thread
+    void enqueue(Message message);                              ///< any thread
+    void setInvalidationHandler(std::function<void()> handler); ///< any thread
+    void close();
+
+private:
+    HelperSession() = default;
+
+    Q_SLOT void busLost();
+    void sendQueued();
+    void send(const Message &message);
+    std::optional<MessageError> connectToBus();
+    void finished(QDBusPendingCallWatcher *watcher);
+    void invalidate(const MessageError &cause);
+    void endWhenIdle();
+
+    const QString name_ = uniqueName(); ///< of this connection among the process's bus connections
+    std::optional<QDBusConnection> bus_;
+    std::map<QDBusPendingCallWatcher *, Message> pending_;
+    std::optional<MessageError> invalid_;
+    bool isReleased_ = false;
+    std::mutex guard_; ///< of the next two, which other threads hand over
+    std::vector<Message> queued_;
+    std::function<void()> invalidationHandler_;
+};
+
+void PrivateThread::run()
+{
+    const BackgroundQueue::Member member([this] { quit(); });
+    exec();
+    for (HelperSession *const session : sessions)
+        session->close();
+}
+
+std::shared_ptr<HelperSession> HelperSession::make()
+{
+    auto *const session = new HelperSession;
+    session->moveToThread(&PrivateThread::shared());
+    // Behind every message that was sent before.
+    return {session, [](HelperSession *unused) {
+                QMetaObject::invokeMethod(
+                    unused,
+                    [unused] {
+                        unused->isReleased_ = true;
+                        unused->endWhenIdle();
+                    },
+                    Qt::QueuedConnection);
+            }};
+}
+
+void HelperSession::enqueue(Message message)
+{
+    {
+        const std::scoped_lock lock(guard_);
+        queued_.push_back(std::move(message));
+    }
+    QMetaObject::invokeMethod(this, &HelperSession::sendQueued, Qt::QueuedConnection);
+}
+
+void HelperSession::sendQueued()
+{
+    std::unique_lock lock(guard_);
+    const auto messages = std::exchange(queued_, {});
+    lock.unlock();
+    for (const Message &message : messages)
+        send(message);
+}
+
+void HelperSession::setInvalidationHandler(std::function<void()> handler)
+{
+    // What the earlier handler holds is let go after the guard: it may be the last handle of this very connection.
+    const std::scoped_lock lock(guard_);
+    invalidationHandler_.swap(handler);
+}
+
+/// Messages that still await a reply get none of their handlers called.
+void HelperSession::close()
+{
+    for (const auto &[watcher, message] : std::exchange(pending_, {}))
+        delete watcher;
+    if (!bus_)
+        return;
+    // Answered once Qt's bus thread no longer looks at this object.
+    bus_->disconnect(QString(), localPath, localInterface, disconnected, this, SLOT(busLost()));
+    bus_.reset();
+    QDBusConnection::disconnectFromBus(name_);
+}
+
+void HelperSession::endWhenIdle()
+{
+    if (!isReleased_ || !pending_.empty())
+        return;
+    close();
+    PrivateThread::shared().sessions.erase(this);
+    deleteLater();
+}
+
+std::optional<MessageError> HelperSession::connectToBus()
+{
+    PrivateThread::shared().sessions.insert(this);
+    bus_ = QDBusConnection::connectToBus(QDBusConnection::SystemBus, name_);
+    if (!bus_->isConnected()) {
+        const QDBusError error = bus_->lastError();
+        return MessageError{error.name(), error.message()};
+    }
+    // The bus library's own word to itself that the socket is gone.
+    bus_->connect(QString(), localPath, localInterface, disconnected, this, SLOT(busLost()));
+    return std::nullopt;
+}
+
+void HelperSession::send(const Message &message)
+{
+    if (!bus_) {
+        if (const auto error = connectToBus()) {
+            message.onError(*error);
+            invalidate(*error);
+            return;
+        }
+    }
+    if (invalid_) {
+        message.onError(*invalid_);
+        return;
+    }
+    const QString service = QString::fromLatin1(HelperNames::service);
+    auto call =
+        QDBusMessage::createMethodCall(service, QString::fromLatin1(HelperNames::path), service, message.member);
+    call.setArguments(message.arguments);
+    auto *const watcher = new QDBusPendingCallWatcher(bus_->asyncCall(call, noTimeLimit));
+    pending_.emplace(watcher, message);
+    connect(watcher, &QDBusPendingCallWatcher::finished, this, &HelperSession::finished);
+}
+
+void HelperSession::finished(QDBusPendingCallWatcher *watcher)
+{
+    const auto found = pending_.extract(watcher);
+    watcher->deleteLater();
+    const Message &message = found.mapped();
+    const MessageError error{watcher->error().name(), watcher->error().message()};
+    if (!watcher->isError()) {
+        message.onReply(watcher->reply().arguments());
+    } else if (error.name == QLatin1String(HelperNames::leaving)) {
+        send(message); // the bus starts the next helper
+    } else {
+        message.onError(error);
+        if (invalidates(error.name))
+            invalidate(error);
+    }
+    endWhenIdle();
+}
+
+void HelperSession::busLost()
+{
+    invalidate({u"org.freedesktop.DBus.Error.Disconnected"_s, u"The connection to the system bus is lost."_s});
+}
+
+void HelperSession::invalidate(const MessageError &cause)
+{
+    if (invalid_)
+        return;
+    invalid_ = cause;
+    for (const auto &[watcher, message] : std::exchange(pending_, {})) {
+        delete watcher;
+        message.onError(cause);
+    }
+    std::unique_lock lock(guard_);
+    const auto handler = std::exchange(invalidationHandler_, nullptr);
+    lock.unlock();
+    if (handler)
+        handler();
+    endWhenIdle();
+}
+
+namespace {
 
 class Proxy final : public HelperProtocol {
 public:
-    Proxy(std::shared_ptr<MessageConnection> messages, std::function<void(const MessageError &)> errorHandler)
-        : messages_(std::move(messages)), errorHandler_(std::move(errorHandler))
+    Proxy(std::shared_ptr<HelperSession> session, HelperConnection::ErrorHandler errorHandler)
+        : session_(std::move(session)), errorHandler_(std::move(errorHandler))
     {
     }
 
@@ -33,8 +281,8 @@ public:
 
     void killOpenVPN() override
     {
-        messages_->send(
-            text(HelperNames::killOpenVPN), {}, [](const QVariantList &) {}, errorHandler_);
+        session_->enqueue(
+            {QString::fromLatin1(HelperNames::killOpenVPN), {}, [](const QVariantList &) {}, errorHandler_});
     }
 
 private:
@@ -48,36 +296,32 @@ private:
             else
                 onError({u"org.freedesktop.DBus.Error.InvalidSignature"_s, u"The helper's reply cannot be read."_s});
         };
-        messages_->send(text(member), arguments, onReply, errorHandler_);
+        session_->enqueue({QString::fromLatin1(member), arguments, onReply, errorHandler_});
     }
 
-    const std::shared_ptr<MessageConnection> messages_;
-    const std::function<void(const MessageError &)> errorHandler_;
+    const std::shared_ptr<HelperSession> session_;
+    const HelperConnection::ErrorHandler errorHandler_;
 };
 
 } // namespace
 
-HelperConnection::HelperConnection()
-    : messages_(std::make_shared<MessageConnection>(
-          text(HelperNames::service), text(HelperNames::path), text(HelperNames::service),
-          QStringList{text(HelperNames::errorPrefix) + u"NotAuthorized"_s}, text(HelperNames::leaving)))
-{
-}
+HelperConnection::HelperConnection() : session_(HelperSession::make()) {}
 
 HelperConnection::~HelperConnection() = default;
 
 void HelperConnection::setInvalidationHandler(std::function<void()> handler)
 {
-    messages_->setInvalidationHandler(std::move(handler));
+    session_->setInvalidationHandler(std::move(handler));
 }
 
 void HelperConnection::resume()
 {
-    messages_->resume();
+    PrivateThread::shared().start();
 }
 
-std::shared_ptr<HelperProtocol>
-HelperConnection::remoteObjectProxyWithErrorHandler(std::function<void(const MessageError &)> errorHandler)
+std::shared_ptr<HelperProtocol> HelperConnection::remoteObjectProxyWithErrorHandler(ErrorHandler errorHandler)
 {
-    return std::make_shared<Proxy>(messages_, std::move(errorHandler));
+    return std::make_shared<Proxy>(session_, std::move(errorHandler));
 }
+
+#include "helper_connection.moc"

@@ -2,31 +2,45 @@
 
 #include "helper_protocol.h"
 
+#include <QString>
+
 #include <functional>
 #include <memory>
 
-struct MessageError;
-class MessageConnection;
+class HelperSession;
 
-/// The client's connection to the privileged helper: a message connection that speaks `HelperProtocol`.
+/// Why a message got no reply.
+struct MessageError {
+    QString name; ///< the bus's error name, such as "org.freedesktop.DBus.Error.ServiceUnknown"
+    QString text; ///< one sentence for a person
+};
+
+/// The client's connection to the privileged helper on the system bus. Every handler runs on a private thread, which
+/// also sends, so that messages go out while the main thread is blocked. No reply has a time limit.
 class HelperConnection {
 public:
+    using ErrorHandler = std::function<void(const MessageError &)>;
+
     HelperConnection(); ///< not yet started
+    /// Any thread, the private one included. Replies under way still reach their handlers.
     ~HelperConnection();
     HelperConnection(const HelperConnection &) = delete;
     HelperConnection &operator=(const HelperConnection &) = delete;
 
-    /// Any thread. The handler runs at most once, on the connection's private thread, when the connection has become
-    /// unusable: no helper can be reached under its name, it refuses this client, or the bus is lost. None removes it.
+    /// Any thread. The handler runs at most once, after the error handler of the message that showed it: when the bus
+    /// is lost or cannot be reached, when nothing can be activated under the helper's name, or when the helper refuses
+    /// this client. None removes it. A helper that merely died invalidates nothing: the next message starts it again.
     void setInvalidationHandler(std::function<void()> handler);
-    void resume(); ///< starts it; nothing is sent before the first message
 
-    /// An object on which messages are sent. `errorHandler` gets every message's failure, at most one for each
-    /// message, on the private thread, instead of that message's reply. Any thread; does not block. The proxy keeps
-    /// the connection's private thread alive, and so does every reply that is still awaited.
-    std::shared_ptr<HelperProtocol>
-    remoteObjectProxyWithErrorHandler(std::function<void(const MessageError &)> errorHandler);
+    /// Starts the private thread. Any thread; does not block. Nothing is sent before the first message.
+    void resume();
+
+    /// An object on which messages are sent, in the order of the calls. Exactly one handler is called for each message,
+    /// once, unless the process ends first: the message's own with the reply, or `errorHandler`. A message that is sent
+    /// after the invalidation gets its error like any other; one that a leaving helper has not begun to serve is sent
+    /// again to the next one. Any thread; does not block. The proxy may outlive the connection.
+    std::shared_ptr<HelperProtocol> remoteObjectProxyWithErrorHandler(ErrorHandler errorHandler);
 
 private:
-    std::shared_ptr<MessageConnection> messages_;
+    std::shared_ptr<HelperSession> session_;
 };

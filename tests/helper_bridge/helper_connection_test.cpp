@@ -3,7 +3,6 @@
 #include "application_delegate.h"
 #include "background_queue.h"
 #include "captured_log.h"
-#include "message_connection.h"
 #include "private_bus.h"
 #include "wait_for.h"
 
