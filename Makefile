@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # Every command of this checkout. Each installs what it needs first (packages.txt) and may be run again at any time.
 
 PRESET ?= release

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "account_answer.h"
 
 #include "http_client.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "constant.h"
 
 using namespace Qt::StringLiterals;

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The yardstick of the start and of memory: a window of the form's size and colour, with nothing in it.
 
 #include <QApplication>

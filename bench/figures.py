@@ -1,4 +1,5 @@
 #!/usr/bin/python3
+# SPDX-License-Identifier: MIT
 """Takes every figure that has a budget, in one run: prints them as a table, and writes them to build/bench.json.
 
 Ends with 1 when one of them is over its budget. The lab's need root.

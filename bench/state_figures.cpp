@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // From a state line on the management port until the button shows it: the real engine and the real form, whose peer
 // sends at moments that have nothing to do with the reader's. Writes the samples, in ms, as JSON to the file named.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What turns text into values, inside one process: OpenVPN's lines, a configuration, the account service's answer.
 // Standard output belongs to the lines that the client prints, so the figures go to --benchmark_out.
 

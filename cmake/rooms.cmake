@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # One library for each room, which links only the rooms that it may look at. A room's headers are found through its
 # target alone, so an arrow that is not listed does not build.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What every program of a sanitized build asks of its sanitizer: the tests, the client, and the helper, which the bus
 // starts without an environment. Standard <sanitizer/…_interface.h> names these functions; the environment's
 // ASAN_OPTIONS, UBSAN_OPTIONS and TSAN_OPTIONS come on top.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "management_lines.h"
 
 using Action = ManagementLines::Action;

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "openvpn_management.h"
 
 #include "background_queue.h"

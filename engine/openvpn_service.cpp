@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "openvpn_service.h"
 
 #include "application_delegate.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "openvpn_model.h"
 
 #include <algorithm>

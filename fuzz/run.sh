@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: MIT
 # Runs each fuzzer for a bounded time, from the kept seeds. usage: run.sh BUILD_FOLDER SECONDS
 set -eu
 build=$1

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "authority.h"
 
 #include <QDBusArgument>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "bless_contents.h"
 
 #define CARRIED(function, symbol, file)                                                                                \

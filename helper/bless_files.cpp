@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "bless_files.h"
 
 #include "descriptor.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "bless_program.h"
 
 #include <cstdio>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "bless_source.h"
 
 #include "descriptor.h"

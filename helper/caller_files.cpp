@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "caller_files.h"
 
 #include "pidfd.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "config_bodies.h"
 
 #include "config_values.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "config_reader.h"
 
 #include "config_bodies.h"

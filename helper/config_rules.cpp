@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "config_rules.h"
 
 #include "config_values.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "config_values.h"
 
 #include <QByteArrayView>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "config_writer.h"
 
 namespace {

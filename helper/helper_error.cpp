@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "helper_error.h"
 
 #include "helper_protocol.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "helper_service.h"
 
 #include "helper_protocol.h"

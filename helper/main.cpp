@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "helper_program.h"
 
 #include <cstdio>

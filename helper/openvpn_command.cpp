@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "openvpn_command.h"
 
 #include "descriptor.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 
 // glibc 2.36 forgot to say that these are C functions.

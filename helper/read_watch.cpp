@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "read_watch.h"
 
 #include <QSocketNotifier>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "request_judge.h"
 
 #include "config_reader.h"

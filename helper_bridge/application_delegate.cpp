@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "application_delegate.h"
 
 #include "helper_connection.h"

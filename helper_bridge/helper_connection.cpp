@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "helper_connection.h"
 
 #include "background_queue.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The part of the application's delegate that compares the installed helper with the bundle's, and installs that one.
 
 #include "application_delegate.h"

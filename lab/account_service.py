@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The account service, https://api.corvale.example/api/: signs subscribers in and hands out their configuration.
 
 usage: account_service.py LOG        one line for each answer: time, method, path, status

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The person's authentication agent: shows nothing, and answers polkit's prompts as it was told.
 
 usage: agent.py PID PASSWORD|-|hold        for the process PID; - cancels every prompt, hold leaves it open

@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: MIT
 # Every scenario, with systemd and without it, several side by side, each in a machine of its own. What each one said
 # stays in build/lab/. One that fails is tried once more, alone: what it expects within seconds, busy neighbours may have
 # kept from it. The end names those that failed alone, too.

@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: MIT
 # The lab's own authorities, made anew each time: one that the account service's certificate is signed by, one for the
 # tunnel, and the tunnel's shared key.
 # usage: certificates.sh DIRECTORY

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Which configurations the privileged helper takes: as services hand them out, and one that changes under its eyes."""
 import collections
 import pathlib

@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: MIT
 # The demonstration: a private machine with an account service, an OpenVPN server and a screen of its own, in which the
 # installed client is driven like a person would. Everything in it ends with this command.
 #

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The fault matrix: each part of the whole is killed, stopped and restarted in each phase of a connection."""
 import contextlib
 import io

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """What the client costs beside a bare window and beside a plain script. Nothing is judged here: the figures also go
 to build/demo/figures.json.
 """

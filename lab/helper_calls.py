@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Talking to the privileged helper, and what it leaves in its run folder."""
 import os
 import pathlib

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """What lies behind the tunnel: a page that says who is asking."""
 import http.server
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """How the helper gets into the system, shown with polkit's own authority and an agent that answers its prompts."""
 import fcntl
 import os

@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: MIT
 # Whether the private machine left anything behind.
 # usage: leftovers.sh note                       what is to be the same afterwards
 #        leftovers.sh compare NOTE DIRECTORY     complains about every difference; DIRECTORY holds what the machine said

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """A tunnel's life: who comes back to it, what it leaves behind, and what becomes of it when one of the three is killed."""
 import os
 import random

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """What the logs tell: each step of a click fails in turn, and the system log says how far the click came and why."""
 import contextlib
 import io

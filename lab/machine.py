@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """What can be seen of the private machine from inside: tunnel, traffic, names, and its OpenVPN server."""
 import glob
 import os

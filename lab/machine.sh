@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: MIT
 # What makes a private machine out of a root folder: its people, its networks, its services, the product; then what was
 # asked for. With systemd it is a service of that machine, else its first process.
 #

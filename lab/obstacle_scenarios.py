@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Files, ports and programs that are not as they should be: each attempt ends clearly, and the next click connects."""
 import contextlib
 import os

@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: MIT
 # The OpenVPN server on the lab's internet.
 # usage: openvpn_server.sh start|stop|crash     stop tells the connected clients to start over, crash says nothing
 set -eu

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """What the Debian package does to a machine: put in, used, exchanged under a running tunnel, taken out."""
 import os
 import pathlib

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The person before the screen: finds things by their accessible names, types, clicks, and says what the window shows.
 
 Runs in the person's own session. Reads one request a line ({"do": …}), answers each with one line, and in between

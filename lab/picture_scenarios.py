@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Pictures of the installed client on a real screen, for docs/, and the colours in them held against the fixed ones.
 
 Nothing is drawn here: the pictures are cut out of the screen and put side by side.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The yardstick: the same work without window, helper or bus. Two HTTPS requests, OpenVPN started directly, and its
 management port asked as fast as it answers, until CONNECTED.
 """

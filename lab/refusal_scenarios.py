@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Who and what the privileged helper refuses, and what it may do itself."""
 import os
 import pathlib

@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: MIT
 # The private machine's root, made inside the new namespaces: the files of a root folder below, a memory file system
 # above, and nothing else of the host in sight. Goes on as the first process of the machine.
 # usage: root.sh ROOT STAGE REPOSITORY systemd|COMMAND…

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """When the installed programs are those of a sanitized build: ends them in good order and looks for reports."""
 import os
 import pathlib

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """What is shown inside the private machine, one function each. A scenario either returns or raises Failure.
 
 usage: scenario.py connect|wrong-password|server-late|server-restart|server-reset|rejected|reuse|plain

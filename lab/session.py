@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The person's session inside the private machine: screen, buses, the client, and whoever works it."""
 import json
 import os

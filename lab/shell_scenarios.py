@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """What the application's shell promises, seen on a desktop: keyboard, accessibility, status bars, window, session bus."""
 import contextlib
 import json

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Many connections one after the other, as fast as they go: client and helper must not grow."""
 import pathlib
 import statistics

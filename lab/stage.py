@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The person's session with a client in it, and what is done with it again and again."""
 import machine
 import timeline

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """A status bar of the newer kind: watcher and host of StatusNotifier items on the session's bus.
 
 Writes one JSON line for each item that comes, with what it says of itself, and one when it goes. Reads requests:

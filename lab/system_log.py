@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The private machine's system log: every datagram sent to it becomes one line, with the time of its arrival.
 
 usage: system_log.py SOCKET FILE     /dev/log, or the one to which a journal forwards what it receives

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """What a user's system makes of the package: whatever ends a tunnel, its name servers and routes are as before."""
 import os
 import pathlib

@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: MIT
 # The package of this build on each Debian, booted with its own systemd; and the sources on Debian 13. The root folders
 # are made by debootstrap and kept in build/systems (SYSTEMS=FOLDER: there), where they are brought up to date each time.
 # usage: lab/systems.sh [bookworm|trixie|forky|sources …]

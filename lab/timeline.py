@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Puts what the parts themselves recorded about one connection in order: nothing in here is computed from another."""
 import os
 import re

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Everything that a tunnel could leave behind, and whether it did."""
 import collections
 import contextlib

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Whom a fault may hit: how each is found, killed, stopped, and put back."""
 import contextlib
 import os

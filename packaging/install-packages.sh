@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: MIT
 # Installs the packages of packages.txt that are missing: those for the named purposes, or all of them. Asks nothing and
 # does nothing when all are there.
 # usage: install-packages.sh [PURPOSE...]

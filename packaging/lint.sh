@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: MIT
 # Format, static analysis, shell and desktop checks over everything that git knows or does not ignore.
 set -eu
 cd "$(dirname "$0")/.."
@@ -16,6 +17,11 @@ appstreamcli validate --no-net build/packaging/*.metainfo.xml
 echo "desktop entry and metainfo: clean"
 
 cmake --preset release -B build/lint -DCMAKE_DISABLE_PRECOMPILE_HEADERS=ON >build/lint.txt
+
+if files '*.cpp' '*.h' '*.py' '*.sh' | xargs grep -L SPDX-License-Identifier | grep .; then
+    echo "A file does not name its licence." >&2
+    exit 1
+fi
 
 # A room is reached through its target, never by a path.
 if files '*.cpp' '*.h' | xargs grep -nE '#include "\.\./'; then

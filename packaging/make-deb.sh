@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: MIT
 # Makes the Debian package out of a finished build: the files are those that the install rules put in place, and nothing
 # of the builder goes into it, so that the same commit makes the same package to the byte.
 # usage: make-deb.sh BUILD

@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: MIT
 # Removes what `cmake --install` with the same arguments puts below DESTDIR, and the folders that are Corvale's own. What
 # that is, it learns by doing it in an empty place: there is no second list.
 # usage: uninstall.sh BUILD [--prefix PREFIX]

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "authorization.h"
 
 #include "system_log.h"

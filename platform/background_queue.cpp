@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "background_queue.h"
 
 #include <condition_variable>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "bundle.h"
 
 #include <QFileInfo>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "private_file.h"
 
 #include "write_all.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 
 /// The desktop session's bus, which Qt and its plugins ask about trays, themes and accessibility.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "alert_sheet.h"
 
 #include "styling.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "app_delegate.h"
 
 #include "interface_loader.h"

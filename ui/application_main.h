@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 
 /// The application's main routine: makes the application and its delegate, runs the event loop, and returns the exit

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "dark_style.h"
 
 #include "styling.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "interface_loader.h"
 
 #include "bundle.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "main_view_controller.h"
 
 #include "account_client.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "styling.h"
 
 #include "bundle.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "title_button.h"
 
 #include "styling.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "account_client.h"
 
 #include "background_queue.h"

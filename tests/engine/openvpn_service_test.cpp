@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "openvpn_service.h"
 
 #include "tcp_peer.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The bless tool as a process of its own, on folders and a bus of the test's own, with shell commands for whoever
 // wants to deceive it.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The bless tool below the folder of its first argument in the place of the system's.
 
 #include "bless_program.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What hostile or broken callers, files and programs can cost the helper.
 
 #include "helper_fixture.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "helper_fixture.h"
 #include "tcp_peer.h"
 

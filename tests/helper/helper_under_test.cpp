@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The helper with the paths and limits (milliseconds) of its command line in the place of the system's. With one word
 // more the kernel has no watches for it.
 

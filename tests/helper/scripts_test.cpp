@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The two scripts as they are, in namespaces in which the files and the routes that they change are the test's own.
 
 #include <QByteArray>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The version check and the installation, against a scripted helper, a scripted polkit and scripts in pkexec's place.
 
 #include "application_delegate.h"

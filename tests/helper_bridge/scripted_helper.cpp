@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A helper that does what the message says: the stand-in for every way in which the real one may answer or fail.
 
 #include "helper_protocol.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "tcp_client.h"
 
 #include "tcp_peer.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "user_defaults.h"
 
 #include <QFileInfo>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "https_server.h"
 
 #include <QEventLoop>

@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: MIT
 # Runs a test program in mount and network namespaces of its own: an empty /tmp, nothing but the loopback, the account
 # service's name on it, and certificates in /tmp/certificates. Needs root, or a kernel that lets anyone have namespaces.
 # usage: private_network.sh PROGRAM [ARGUMENT...]

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "openvpn_service.h"
 #include "styling.h"
 #include "text_field.h"

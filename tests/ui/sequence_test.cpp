@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "captured_log.h"
 #include "https_server.h"
 #include "openvpn_service.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "quit_signals.h"
 #include "single_instance.h"
 #include "text_field.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "ui_fixture.h"
 
 #include "bundle.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "background_queue.h"
 #include "silent_helper.h"
 #include "styling.h"
