@@ -23,28 +23,26 @@ codename=$(. /etc/os-release && echo "${VERSION_CODENAME:-}")
 package=$(find build -maxdepth 1 -name 'corvale_*.deb' -printf '%T@ %p\n' | sort -n | tail -n 1 | cut -d' ' -f2)
 [ -n "$package" ] || sorry "there is no package yet (try: make deb)."
 
-# Runs a command in a root folder, with this machine's network, as a container would.
+# Runs a command in a root folder, with this machine's network and devices, as a container would.
 within() { # ROOT COMMAND…
     # shellcheck disable=SC2016 # the shell inside
     unshare --mount --pid --ipc --fork --kill-child --propagation private bash -euc '
         root=$1; shift
-        mount -t proc proc "$root/proc"
-        mount --rbind /sys "$root/sys"
-        mount -t tmpfs tmpfs "$root/dev"
-        mkdir -p "$root"/dev/{net,shm,pts}
-        for node in null zero full random urandom tty net/tun; do
-            : >"$root/dev/$node"
-            mount --bind "/dev/$node" "$root/dev/$node"
-        done
-        mount -t tmpfs -o mode=1777 tmpfs "$root/dev/shm"
-        mount -t devpts -o newinstance,ptmxmode=0666 devpts "$root/dev/pts"
-        ln -s pts/ptmx "$root/dev/ptmx"; ln -s /proc/self/fd "$root/dev/fd"
-        mount -t tmpfs -o mode=1777 tmpfs "$root/tmp"
-        rm -f "$root/etc/resolv.conf"; cp -L /etc/resolv.conf "$root/etc/resolv.conf"
-        printf "#!/bin/sh\nexit 101\n" >"$root/usr/sbin/policy-rc.d"; chmod 755 "$root/usr/sbin/policy-rc.d"
-        export HOME=/root DEBIAN_FRONTEND=noninteractive PATH=/usr/sbin:/usr/bin:/sbin:/bin LC_ALL=C.UTF-8
-        status=0; chroot "$root" "$@" || status=$?
-        rm -f "$root/usr/sbin/policy-rc.d"
+        mount --bind "$root" "$root"
+        cd "$root"
+        mount -t proc proc proc
+        mount --rbind /sys sys
+        mount --rbind /dev dev
+        mount -t tmpfs -o mode=755 tmpfs run
+        mount -t tmpfs -o mode=1777 tmpfs tmp
+        rm -f etc/resolv.conf; cp -L /etc/resolv.conf etc/resolv.conf
+        # Nothing that is installed here is to be started here.
+        printf "#!/bin/sh\nexit 101\n" >usr/sbin/policy-rc.d; chmod 755 usr/sbin/policy-rc.d
+        mkdir -p .host; pivot_root . .host; umount -l .host; rmdir .host
+        status=0
+        env -i HOME=/root DEBIAN_FRONTEND=noninteractive PATH=/usr/sbin:/usr/bin:/sbin:/bin LC_ALL=C.UTF-8 \
+            TERM=dumb "$@" || status=$?
+        rm -f usr/sbin/policy-rc.d
         exit "$status"' within "$@"
 }
 
