@@ -2,20 +2,16 @@
 #include "helper_connection.h"
 
 #include "background_queue.h"
+#include "helper_session.h"
 
-#include <QDBusConnection>
 #include <QDBusError>
 #include <QDBusMessage>
 #include <QDBusPendingCallWatcher>
-#include <QObject>
 #include <QThread>
 
 #include <algorithm>
 #include <atomic>
 #include <limits>
-#include <map>
-#include <mutex>
-#include <optional>
 #include <set>
 #include <utility>
 #include <vector>
@@ -75,45 +71,6 @@ private:
 
 } // namespace
 
-/// What a connection and its proxies share: the bus, and the messages that await their reply. It lives on the private
-/// thread, where it ends itself once both are gone and the last reply is there. Only what is marked may be called on
-/// another thread.
-class HelperSession final : public QObject {
-    Q_OBJECT
-public:
-    struct Message {
-        QString member;
-        QVariantList arguments;
-        std::function<void(const QVariantList &)> onReply;
-        HelperConnection::ErrorHandler onError;
-    };
-
-    static std::shared_ptr<HelperSession> make();               ///< any thread
-    void enqueue(Message message);                              ///< any thread
-    void setInvalidationHandler(std::function<void()> handler); ///< any thread
-    void close();
-
-private:
-    HelperSession() = default;
-
-    Q_SLOT void busLost();
-    void sendQueued();
-    void send(const Message &message);
-    std::optional<MessageError> connectToBus();
-    void finished(QDBusPendingCallWatcher *watcher);
-    void invalidate(const MessageError &cause);
-    void endWhenIdle();
-
-    const QString name_ = uniqueName(); ///< of this connection among the process's bus connections
-    std::optional<QDBusConnection> bus_;
-    std::map<QDBusPendingCallWatcher *, Message> pending_;
-    std::optional<MessageError> invalid_;
-    bool isReleased_ = false;
-    std::mutex guard_; ///< of the next two, which other threads hand over
-    std::vector<Message> queued_;
-    std::function<void()> invalidationHandler_;
-};
-
 void PrivateThread::run()
 {
     const BackgroundQueue::Member member([this] { quit(); });
@@ -121,6 +78,8 @@ void PrivateThread::run()
     for (HelperSession *const session : sessions)
         session->close();
 }
+
+HelperSession::HelperSession() : name_(uniqueName()) {}
 
 std::shared_ptr<HelperSession> HelperSession::make()
 {
@@ -324,5 +283,3 @@ std::shared_ptr<HelperProtocol> HelperConnection::remoteObjectProxyWithErrorHand
 {
     return std::make_shared<Proxy>(session_, std::move(errorHandler));
 }
-
-#include "helper_connection.moc"
