@@ -3,7 +3,7 @@
 // Standard output belongs to the lines that the client prints, so the figures go to --benchmark_out.
 
 #include "account_answer.h"
-#include "config_reader.h"
+#include "configuration_reader.h"
 #include "http_client.h"
 #include "openvpn_management.h"
 

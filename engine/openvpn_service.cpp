@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
 #include "openvpn_service.h"
 
-#include "application_delegate.h"
 #include "bundle.h"
 #include "connection_state.h"
+#include "helper_client.h"
 #include "helper_connection.h"
 #include "standard_output.h"
 #include "system_log.h"
@@ -68,7 +68,7 @@ void OpenVPNService::startOpenVPN()
 
 void OpenVPNService::askHelper()
 {
-    auto *const delegate = ApplicationDelegate::shared();
+    auto *const delegate = HelperClient::shared();
     const auto connection = delegate ? delegate->helperConnection() : nullptr;
     if (!connection)
         return;

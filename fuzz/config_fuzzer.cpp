@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-#include "config_reader.h"
-#include "config_writer.h"
+#include "configuration_reader.h"
+#include "configuration_writer.h"
 #include "openvpn_model.h"
 
 #include <algorithm>

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 // The part of the application's delegate that compares the installed helper with the bundle's, and installs that one.
 
-#include "application_delegate.h"
+#include "helper_client.h"
 
 #include "authorization.h"
 #include "bundle.h"
@@ -31,7 +31,7 @@ void terminate()
 
 } // namespace
 
-void ApplicationDelegate::shouldInstallHelperWithCallback(const std::function<void(bool)> &callback)
+void HelperClient::shouldInstallHelperWithCallback(const std::function<void(bool)> &callback)
 {
     const auto bundleVersion = InfoDictionary::textInFile(bundleHelper(), "CFBundleVersion");
     if (!bundleVersion) {
@@ -49,7 +49,7 @@ void ApplicationDelegate::shouldInstallHelperWithCallback(const std::function<vo
     });
 }
 
-void ApplicationDelegate::installHelper()
+void HelperClient::installHelper()
 {
     using namespace Authorization;
     const Status status = AuthorizationCreate({{"com.apple.ServiceManagement.blesshelper"}},

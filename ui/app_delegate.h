@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "application_delegate.h"
+#include "helper_client.h"
 #include "status_bar.h"
 
 #include <QObject>
@@ -17,8 +17,8 @@ class QSystemTrayIcon;
 class QWidget;
 
 /// The application's delegate: makes window, form and status item at launch, and brings the window back. Main thread,
-/// but for what `ApplicationDelegate` says of itself.
-class AppDelegate final : public QObject, public ApplicationDelegate {
+/// but for what `HelperClient` says of itself.
+class AppDelegate final : public QObject, public HelperClient {
     Q_OBJECT
 
 public:

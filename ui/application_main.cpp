@@ -4,7 +4,7 @@
 #include "app_delegate.h"
 #include "background_queue.h"
 #include "quit_signals.h"
-#include "session_bus.h"
+#include "silent_bus.h"
 #include "single_instance.h"
 #include "standard_output.h"
 #include "styling.h"

@@ -43,7 +43,7 @@ void fill(QWidget &widget, QColor color)
 } // namespace
 
 MainViewController::MainViewController(QWidget *parent)
-    : QWidget(parent), appDelegate(dynamic_cast<AppDelegate *>(ApplicationDelegate::shared()))
+    : QWidget(parent), appDelegate(dynamic_cast<AppDelegate *>(HelperClient::shared()))
 {
 }
 

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
 #include "helper_connection.h"
 
-#include "application_delegate.h"
 #include "background_queue.h"
 #include "captured_log.h"
+#include "helper_client.h"
 #include "private_bus.h"
 #include "wait_for.h"
 
@@ -104,7 +104,7 @@ TEST_F(HelperConnectionTest, whatALeavingHelperHasNotBegunIsDoneByItsSuccessor)
 TEST_F(HelperConnectionTest, theDelegateKeepsOneConnectionUntilItIsInvalidatedAndThenMakesAFreshOne)
 {
     const CapturedLog log;
-    ApplicationDelegate delegate;
+    HelperClient delegate;
     ASSERT_TRUE(bus.start());
     const auto first = delegate.helperConnection();
     EXPECT_EQ(delegate.helperConnection(), first);
@@ -124,7 +124,7 @@ TEST_F(HelperConnectionTest, theDelegateKeepsOneConnectionUntilItIsInvalidatedAn
 TEST_F(HelperConnectionTest, anInvalidationIsLoggedInEveryCaseButClearsOnlyItsOwnConnection)
 {
     const CapturedLog log;
-    ApplicationDelegate delegate;
+    HelperClient delegate;
     start();
     const auto replaced = delegate.helperConnection();
     delegate.clearHelperConnection();

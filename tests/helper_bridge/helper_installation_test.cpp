@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
 // The version check and the installation, against a scripted helper, a scripted polkit and scripts in pkexec's place.
 
-#include "application_delegate.h"
 #include "bundle.h"
 #include "captured_log.h"
+#include "helper_client.h"
 #include "helper_connection.h"
 #include "private_bus.h"
 #include "scripted_authority.h"
@@ -71,7 +71,7 @@ protected:
             QTimer::singleShot(0, &later,
                                [&later] { QTimer::singleShot(0, &later, [] { QCoreApplication::exit(goneOn); }); });
         };
-        ApplicationDelegate delegate({pkexec, u"/the/tool"_s});
+        HelperClient delegate({pkexec, u"/the/tool"_s});
         std::jthread thread([&] {
             delegate.installHelper();
             QMetaObject::invokeMethod(&later, goOn, Qt::QueuedConnection);
@@ -113,7 +113,7 @@ TEST_F(HelperInstallationTest, theTwoVersionsAreComparedAsTexts)
         if (!row.installed)
             bus.forgetActivation(name);
         const CapturedLog log;
-        ApplicationDelegate delegate;
+        HelperClient delegate;
         std::atomic_int answers = 0;
         delegate.shouldInstallHelperWithCallback([&](bool isCurrent) {
             EXPECT_EQ(isCurrent, row.isCurrent);
@@ -136,7 +136,7 @@ TEST_F(HelperInstallationTest, theTwoVersionsAreComparedAsTexts)
 TEST_F(HelperInstallationTest, aBundleWithoutAReadableVersionIsAnsweredAtOnceAndASilentHelperNever)
 {
     const CapturedLog log;
-    ApplicationDelegate delegate;
+    HelperClient delegate;
     std::atomic_int answers = 0;
     const auto callback = [&answers](bool isCurrent) { answers += isCurrent ? 100 : 1; };
     write(bundleHelper(), spoiltHelper("CFBundleVersion", "CFBundleEdition"));

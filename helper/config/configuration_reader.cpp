@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
-#include "config_reader.h"
+#include "configuration_reader.h"
 
-#include "config_bodies.h"
-#include "config_rules.h"
-#include "config_words.h"
+#include "allow_list.h"
+#include "inline_bodies.h"
+#include "words.h"
 
 #include <algorithm>
 #include <iterator>

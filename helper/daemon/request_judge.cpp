@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "request_judge.h"
 
-#include "config_reader.h"
-#include "config_writer.h"
+#include "configuration_reader.h"
+#include "configuration_writer.h"
 #include "system_log.h"
 
 #include <QFile>

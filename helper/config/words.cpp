@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "config_words.h"
+#include "words.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "config_reader.h"
+#include "configuration_reader.h"
 
 /// The text from which OpenVPN reads exactly these directives, which must come from readConfiguration(): no directive
 /// and no value is checked again. One directive a line, LF alone; a value with spaces, or that would begin as a

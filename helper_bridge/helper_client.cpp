@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "application_delegate.h"
+#include "helper_client.h"
 
 #include "helper_connection.h"
 #include "system_log.h"
@@ -11,26 +11,26 @@
 
 namespace {
 
-std::atomic<ApplicationDelegate *> delegate = nullptr;
+std::atomic<HelperClient *> delegate = nullptr;
 
 } // namespace
 
-ApplicationDelegate::ApplicationDelegate(Blessing::Programs programs) : programs_(std::move(programs))
+HelperClient::HelperClient(Blessing::Programs programs) : programs_(std::move(programs))
 {
     delegate = this;
 }
 
-ApplicationDelegate::~ApplicationDelegate()
+HelperClient::~HelperClient()
 {
     delegate = nullptr;
 }
 
-ApplicationDelegate *ApplicationDelegate::shared()
+HelperClient *HelperClient::shared()
 {
     return delegate;
 }
 
-std::shared_ptr<HelperConnection> ApplicationDelegate::helperConnection()
+std::shared_ptr<HelperConnection> HelperClient::helperConnection()
 {
     const std::scoped_lock lock(guard_);
     if (!xpcHelperConnection_) {
@@ -43,14 +43,14 @@ std::shared_ptr<HelperConnection> ApplicationDelegate::helperConnection()
     return xpcHelperConnection_;
 }
 
-void ApplicationDelegate::clearHelperConnection()
+void HelperClient::clearHelperConnection()
 {
     std::shared_ptr<HelperConnection> cleared; // let go after the guard
     const std::scoped_lock lock(guard_);
     cleared.swap(xpcHelperConnection_);
 }
 
-void ApplicationDelegate::invalidated(const std::weak_ptr<HelperConnection> &connection)
+void HelperClient::invalidated(const std::weak_ptr<HelperConnection> &connection)
 {
     if (const auto held = connection.lock())
         held->setInvalidationHandler(nullptr);
@@ -65,7 +65,7 @@ void ApplicationDelegate::invalidated(const std::weak_ptr<HelperConnection> &con
         Qt::QueuedConnection);
 }
 
-void ApplicationDelegate::forget(const std::weak_ptr<HelperConnection> &connection)
+void HelperClient::forget(const std::weak_ptr<HelperConnection> &connection)
 {
     std::shared_ptr<HelperConnection> forgotten; // let go after the guard
     const std::scoped_lock lock(guard_);

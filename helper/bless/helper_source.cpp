@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "bless_source.h"
+#include "helper_source.h"
 
 #include "descriptor.h"
 #include "helper_protocol.h"

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "bless_contents.h"
+#include "carried_files.h"
 
 #define CARRIED(function, symbol, file)                                                                                \
     asm(".pushsection .rodata\n" symbol "_begin:\n.incbin \"" file "\"\n" symbol "_end:\n.popsection");                \

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "bless_paths.h"
+#include "target_paths.h"
 
 /// Installs the helper named by the only argument, or with --remove or --stop removes or stops the one that is there,
 /// in the name of the user in PKEXEC_UID or else of root. What goes wrong is said on standard error. Returns the

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "bless_bus.h"
+#include "system_services.h"
 
 #include "descriptor.h"
 #include "helper_protocol.h"

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: MIT
 #include "bless_program.h"
 
-#include "bless_bus.h"
-#include "bless_contents.h"
-#include "bless_files.h"
-#include "bless_source.h"
+#include "carried_files.h"
 #include "descriptor.h"
+#include "helper_source.h"
+#include "placed_files.h"
+#include "system_services.h"
 
 #include <QCoreApplication>
 #include <QDir>

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
-#include "config_bodies.h"
+#include "inline_bodies.h"
 
-#include "config_values.h"
+#include "value_grammar.h"
 
 #include <algorithm>
 #include <utility>

@@ -11,15 +11,15 @@ class HelperConnection;
 
 /// The part of the application's delegate that rooms below the windows may reach: the one connection to the helper, and
 /// the helper's installation. It outlives the connection's private thread.
-class ApplicationDelegate {
+class HelperClient {
 public:
-    explicit ApplicationDelegate(Blessing::Programs programs = {});
-    virtual ~ApplicationDelegate();
-    ApplicationDelegate(const ApplicationDelegate &) = delete;
-    ApplicationDelegate &operator=(const ApplicationDelegate &) = delete;
+    explicit HelperClient(Blessing::Programs programs = {});
+    virtual ~HelperClient();
+    HelperClient(const HelperClient &) = delete;
+    HelperClient &operator=(const HelperClient &) = delete;
 
     /// The application's delegate, or null before it is made and after it is gone. Any thread.
-    static ApplicationDelegate *shared();
+    static HelperClient *shared();
 
     /// The connection held in `xpcHelperConnection`, made and resumed first when there is none. Any thread; does not
     /// block. It stays the same until it is invalidated; the clearing then happens on the main thread.

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "bless_files.h"
+#include "placed_files.h"
 
 #include "descriptor.h"
 #include "write_all.h"

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
-#include "config_rules.h"
+#include "allow_list.h"
 
-#include "config_values.h"
+#include "value_grammar.h"
 
 #include <QByteArrayView>
 

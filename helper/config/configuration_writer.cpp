@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "config_writer.h"
+#include "configuration_writer.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "config_reader.h"
+#include "configuration_reader.h"
 
 #include <QByteArrayView>
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "config_values.h"
+#include "value_grammar.h"
 
 #include <QByteArrayView>
 

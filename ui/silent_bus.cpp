@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "session_bus.h"
+#include "silent_bus.h"
 
 #include <QByteArray>
 #include <QList>
