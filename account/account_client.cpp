@@ -9,7 +9,6 @@
 #include "system_log.h"
 
 #include <nlohmann/json.hpp>
-#include <system_error>
 #include <utility>
 
 using namespace Qt::StringLiterals;
@@ -58,9 +57,9 @@ void AccountClient::fetchProfile(const QString &accessToken, Completion completi
 
 void AccountClient::writeConfiguration(const QString &configuration)
 {
-    const int error = PrivateFile::write(configurationPath, configuration.toUtf8());
-    if (error != 0)
-        SystemLog::write(QString::fromStdString(std::generic_category().message(error)));
+    const auto written = PrivateFile::write(configurationPath, configuration.toUtf8());
+    if (!written)
+        SystemLog::write(QString::fromLocal8Bit(written.error().detail));
 }
 
 void AccountClient::startTunnel(const QString &username, const QString &password)

@@ -14,8 +14,8 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-constexpr int mostRedirects = 20;
-constexpr int reuseLimit = 2; // s
+constexpr int maxRedirects = 20;
+constexpr int reuseTimeout = 2; // s
 
 int underWay = 0; // requests; main thread
 
@@ -82,14 +82,14 @@ bool isOnlyStatus(QNetworkReply::NetworkError error, int status)
 QNetworkRequest prepared(const HttpRequest &request)
 {
     QNetworkRequest made(request.url);
-    made.setTransferTimeout(static_cast<int>(request.idleLimit.count()));
+    made.setTransferTimeout(static_cast<int>(request.idleTimeout.count()));
     made.setAttribute(QNetworkRequest::RedirectPolicyAttribute, QNetworkRequest::ManualRedirectPolicy);
     made.setAttribute(QNetworkRequest::Http2AllowedAttribute, false);
     made.setAttribute(QNetworkRequest::CookieLoadControlAttribute, QNetworkRequest::Manual);
     made.setAttribute(QNetworkRequest::CookieSaveControlAttribute, QNetworkRequest::Manual);
     // A request on a connection that the server has meanwhile given up fails, so only a request that follows at once
     // gets an old one.
-    made.setAttribute(QNetworkRequest::ConnectionCacheExpiryTimeoutSecondsAttribute, reuseLimit);
+    made.setAttribute(QNetworkRequest::ConnectionCacheExpiryTimeoutSecondsAttribute, reuseTimeout);
     if (!request.authorization.isEmpty())
         made.setRawHeader("Authorization", request.authorization);
     if (request.method == HttpRequest::Method::post)
@@ -158,7 +158,7 @@ void Exchange::onEncrypted()
 void Exchange::onReadyRead()
 {
     body_ += reply_->readAll();
-    if (body_.size() > HttpClient::largestBody)
+    if (body_.size() > HttpClient::maxBody)
         reply_->abort();
 }
 
@@ -173,7 +173,7 @@ void Exchange::onFinished()
 
     if (!status.isValid())
         return complete({std::nullopt, true});
-    if (isRedirect(status.toInt()) && !location.isEmpty() && redirects_ < mostRedirects) {
+    if (isRedirect(status.toInt()) && !location.isEmpty() && redirects_ < maxRedirects) {
         HttpRequest next = redirected(request_, status.toInt(), location);
         // What is posted is as secret as a token: the answer of one origin does not send it to another.
         const bool bodyLeaves = next.method == HttpRequest::Method::post && !sameOrigin(request_.url, next.url);
@@ -184,7 +184,7 @@ void Exchange::onFinished()
         }
     }
     const bool broken = error != QNetworkReply::NoError && !isOnlyStatus(error, status.toInt());
-    const bool failed = broken || body_.size() > HttpClient::largestBody;
+    const bool failed = broken || body_.size() > HttpClient::maxBody;
     complete({status.toInt(), failed, failed ? QByteArray() : std::move(body_)});
 }
 

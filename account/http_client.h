@@ -17,7 +17,7 @@ struct HttpRequest {
     QByteArray body = {};                        ///< for `post`
     QByteArray authorization = {};               ///< header of that name, unless empty; never sent to another origin
     bool last = false;                           ///< none follows soon: connections and memory are given back after it
-    std::chrono::milliseconds idleLimit{60'000}; ///< how long nothing may arrive before the request has failed
+    std::chrono::milliseconds idleTimeout{60'000}; ///< how long nothing may arrive before the request has failed
 };
 
 struct HttpResult {
@@ -29,8 +29,8 @@ struct HttpResult {
 /// HTTPS with the system's certificates and proxy. One client for the process, made on first use. No cookies, no cache.
 namespace HttpClient {
 
-/// The largest body, after decompression, that is an answer and not a failure.
-inline constexpr qsizetype largestBody = qsizetype(4) * 1024 * 1024;
+/// Size of a body after decompression. A larger one is a failure.
+inline constexpr qsizetype maxBody = qsizetype(4) * 1024 * 1024;
 
 /// Sends the request, once, and returns at once. Main thread. `completion` runs once, later, on the main thread, unless
 /// the process ends first. Up to 20 redirects are followed, to https alone: 301, 302 and 303 turn a post into a get,

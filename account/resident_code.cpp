@@ -24,7 +24,7 @@ void letGoOf(const dl_phdr_info &library)
             continue;
         const ElfW(Addr) begin = (library.dlpi_addr + part.p_vaddr) & ~(page - 1);
         const ElfW(Addr) end = library.dlpi_addr + part.p_vaddr + part.p_filesz;
-        // NOLINTNEXTLINE(performance-no-int-to-ptr): the loader tells of places as numbers
+        // NOLINTNEXTLINE(performance-no-int-to-ptr): the loader gives addresses as numbers
         ::madvise(reinterpret_cast<void *>(begin), end - begin, MADV_DONTNEED);
     }
 }

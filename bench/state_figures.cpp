@@ -4,6 +4,7 @@
 
 #include "app_delegate.h"
 #include "background_queue.h"
+#include "helper_connection.h"
 #include "main_view_controller.h"
 #include "openvpn_service.h"
 #include "silent_helper.h"
@@ -129,6 +130,7 @@ int main(int argc, char *argv[])
     const bool done = measure(QString::fromLocal8Bit(argv[1]));
     if (!done)
         qCritical("The button did not show the states.");
-    // The reader may be at work still, with objects that a destructor would take away.
-    std::_Exit(BackgroundQueue::finish(1s) && done ? EXIT_SUCCESS : EXIT_FAILURE);
+    HelperConnection::finish();
+    BackgroundQueue::finish();
+    return done ? EXIT_SUCCESS : EXIT_FAILURE;
 }

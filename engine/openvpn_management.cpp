@@ -15,9 +15,9 @@ namespace {
 constexpr char address[] = "127.0.0.1";
 constexpr quint16 port = 1337;
 constexpr int readSize = 2048;
-constexpr qsizetype mostUnfinished = 1 << 20; // OpenVPN's longest line has some ten thousand bytes
+constexpr qsizetype maxUnfinished = 1 << 20; // OpenVPN's longest line has some ten thousand bytes
 constexpr auto pauseAfterRead = 100ms;
-constexpr auto patience = 60s; // a megabyte at the reader's pace
+constexpr auto catchUpTimeout = 60s; // a megabyte at the reader's pace
 
 } // namespace
 
@@ -32,8 +32,8 @@ void OpenVPNManagement::startReading()
 
 void OpenVPNManagement::sendCommand(const QByteArray &command)
 {
-    const auto error = socket.send(command);
-    StandardOutput::writeLine(error ? command + ' ' + error->text().toUtf8() : command);
+    const auto sent = socket.send(command);
+    StandardOutput::writeLine(sent ? command : command + ' ' + sent.error().detail);
 }
 
 void OpenVPNManagement::readLoop()
@@ -75,7 +75,7 @@ void OpenVPNManagement::catchUp()
         return;
     std::unique_lock lock(readsGuard_);
     // A read that is under way may have looked too early.
-    readNothing_.wait_for(lock, patience, [this, next = reads_ + 1] { return emptyRead_ >= next; });
+    readNothing_.wait_for(lock, catchUpTimeout, [this, next = reads_ + 1] { return emptyRead_ >= next; });
 }
 
 QByteArray OpenVPNManagement::addChunk(const QByteArray &buffer, const QByteArray &chunk)
@@ -83,7 +83,7 @@ QByteArray OpenVPNManagement::addChunk(const QByteArray &buffer, const QByteArra
     if (!chunk.isValidUtf8())
         return buffer;
     const QByteArray left = processBuffer(buffer + chunk);
-    return left.size() > mostUnfinished ? QByteArray() : left;
+    return left.size() > maxUnfinished ? QByteArray() : left;
 }
 
 QByteArray OpenVPNManagement::processBuffer(const QByteArray &buffer)

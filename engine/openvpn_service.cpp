@@ -16,15 +16,15 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr int attempts = 8;
-constexpr auto attemptLimit = 3s;
+constexpr int maxAttempts = 8;
+constexpr auto attemptTimeout = 3s;
 constexpr unsigned long pauseAfterFailure = 300'000; // µs
 
 } // namespace
 
 OpenVPNService &OpenVPNService::shared()
 {
-    // Leaked on purpose: the reader and the helper connection's thread may use it until the very end of the process.
+    // Leaked on purpose: the reader and the helper connection's thread may use it until the process ends.
     static auto *const service = new OpenVPNService;
     return *service;
 }
@@ -83,8 +83,8 @@ void OpenVPNService::askHelper()
 
 bool OpenVPNService::connectManagement()
 {
-    for (int attempt = 0; attempt < attempts; ++attempt) {
-        if (!management.socket.connect(attemptLimit))
+    for (int attempt = 0; attempt < maxAttempts; ++attempt) {
+        if (management.socket.connect(attemptTimeout))
             return true;
         QThread::usleep(pauseAfterFailure);
     }

@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: MIT
 #include "tcp_client.h"
 
+#include "descriptor.h"
+
 #include <arpa/inet.h>
 #include <cerrno>
-#include <cstring>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <system_error>
 #include <unistd.h>
 
 using std::chrono::milliseconds;
@@ -15,21 +15,14 @@ using Clock = std::chrono::steady_clock;
 
 struct TCPClient::Socket {
     explicit Socket(int opened) : descriptor(opened) {}
-    ~Socket()
-    {
-        if (descriptor >= 0)
-            ::close(descriptor);
-    }
-    Socket(const Socket &) = delete;
-    Socket &operator=(const Socket &) = delete;
 
-    const int descriptor;
+    const Descriptor descriptor;
     quint64 connection = 0;
 };
 
 namespace {
 
-constexpr milliseconds sendLimit{3000};
+constexpr milliseconds sendTimeout{3000};
 
 /// Waits until `events` or a fault shows on the descriptor. Returns what shows, or 0 when `deadline` has passed.
 int waitFor(int descriptor, int events, Clock::time_point deadline)
@@ -52,9 +45,9 @@ int pendingError(int descriptor)
     return ::getsockopt(descriptor, SOL_SOCKET, SO_ERROR, &error, &size) == 0 ? error : errno;
 }
 
-int connectWithin(int descriptor, const sockaddr_in &peer, milliseconds limit)
+int connectWithin(int descriptor, const sockaddr_in &peer, milliseconds timeout)
 {
-    const auto deadline = Clock::now() + limit;
+    const auto deadline = Clock::now() + timeout;
     if (::connect(descriptor, reinterpret_cast<const sockaddr *>(&peer), sizeof peer) == 0)
         return 0;
     // An interrupted connect goes on by itself, exactly like one that is in progress.
@@ -64,11 +57,6 @@ int connectWithin(int descriptor, const sockaddr_in &peer, milliseconds limit)
 }
 
 } // namespace
-
-QString TCPClient::Error::text() const
-{
-    return QString::fromStdString(std::generic_category().message(number));
-}
 
 TCPClient::TCPClient(const char *address, quint16 port, PeerCheck isTrusted)
     : address_(address), port_(port), isTrusted_(isTrusted)
@@ -83,7 +71,7 @@ std::shared_ptr<TCPClient::Socket> TCPClient::current() const
     return socket_;
 }
 
-std::optional<TCPClient::Error> TCPClient::connect(milliseconds limit)
+Result<void> TCPClient::connect(milliseconds timeout)
 {
     std::shared_ptr<Socket> earlier;
     {
@@ -92,60 +80,60 @@ std::optional<TCPClient::Error> TCPClient::connect(milliseconds limit)
     }
     // The peer must see the end now, even while a reader still holds the descriptor: it serves one client at a time.
     if (earlier)
-        ::shutdown(earlier->descriptor, SHUT_RDWR);
+        ::shutdown(earlier->descriptor.get(), SHUT_RDWR);
     earlier.reset();
 
     sockaddr_in peer{};
     peer.sin_family = AF_INET;
     peer.sin_port = htons(port_);
     if (::inet_pton(AF_INET, address_.constData(), &peer.sin_addr) != 1)
-        return Error{EAFNOSUPPORT};
+        return systemFailure(EAFNOSUPPORT);
     auto fresh = std::make_shared<Socket>(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    if (fresh->descriptor < 0)
-        return Error{errno};
-    if (const int failed = connectWithin(fresh->descriptor, peer, limit))
-        return Error{failed};
-    if (isTrusted_ && !isTrusted_(fresh->descriptor))
-        return Error{EPERM};
+    if (!fresh->descriptor)
+        return systemFailure(errno);
+    if (const int failed = connectWithin(fresh->descriptor.get(), peer, timeout))
+        return systemFailure(failed);
+    if (isTrusted_ && !isTrusted_(fresh->descriptor.get()))
+        return systemFailure(EPERM);
 
     const std::scoped_lock lock(guard_);
     fresh->connection = ++connections_;
     socket_ = std::move(fresh);
-    return std::nullopt;
+    return {};
 }
 
-std::optional<TCPClient::Error> TCPClient::send(QByteArrayView bytes)
+Result<void> TCPClient::send(QByteArrayView bytes)
 {
     const auto socket = current();
     if (!socket)
-        return Error{ENOTCONN};
-    const auto deadline = Clock::now() + sendLimit;
+        return systemFailure(ENOTCONN);
+    const auto deadline = Clock::now() + sendTimeout;
     while (!bytes.isEmpty()) {
-        const int shown = waitFor(socket->descriptor, POLLOUT | POLLRDHUP, deadline);
+        const int shown = waitFor(socket->descriptor.get(), POLLOUT | POLLRDHUP, deadline);
         if (shown == 0)
-            return Error{ETIMEDOUT};
+            return systemFailure(ETIMEDOUT);
         // The kernel takes the first bytes for a peer that has left without a word; the peer would never read them.
         if (shown & (POLLRDHUP | POLLHUP | POLLERR)) {
-            const int error = pendingError(socket->descriptor);
-            return Error{error ? error : EPIPE};
+            const int error = pendingError(socket->descriptor.get());
+            return systemFailure(error ? error : EPIPE);
         }
         const ssize_t sent =
-            ::send(socket->descriptor, bytes.data(), static_cast<size_t>(bytes.size()), MSG_NOSIGNAL | MSG_DONTWAIT);
+            ::send(socket->descriptor.get(), bytes.data(), static_cast<size_t>(bytes.size()), MSG_DONTWAIT);
         if (sent < 0 && errno != EINTR && errno != EAGAIN)
-            return Error{errno};
+            return systemFailure(errno);
         if (sent > 0)
             bytes = bytes.sliced(sent);
     }
-    return std::nullopt;
+    return {};
 }
 
-TCPClient::Chunk TCPClient::read(int most)
+TCPClient::Chunk TCPClient::read(int maxSize)
 {
     const auto socket = current();
     if (!socket)
         return {};
-    QByteArray bytes(most, Qt::Uninitialized);
-    const ssize_t got = ::recv(socket->descriptor, bytes.data(), static_cast<size_t>(most), MSG_DONTWAIT);
+    QByteArray bytes(maxSize, Qt::Uninitialized);
+    const ssize_t got = ::recv(socket->descriptor.get(), bytes.data(), static_cast<size_t>(maxSize), MSG_DONTWAIT);
     if (got <= 0)
         return {{}, socket->connection};
     bytes.truncate(got);

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include <QString>
+#include "result.h"
 
-#include <optional>
+#include <QString>
 
 /// Putting the bundle's helper into the system, which takes root's rights.
 namespace Blessing {
@@ -14,8 +14,8 @@ struct Programs {
 };
 
 /// Has the bless tool copy the file `helper` into the system and register it, through pkexec. pkexec asks polkit about
-/// the process that started it, so a right that this process has just obtained and kept covers it. Nothing when it is
-/// done, else why not, in one line. Any thread, which it blocks until the tool has ended; there is no time limit.
-std::optional<QString> SMJobBless(const QString &helper, const Programs &programs = {});
+/// the process that started it, so a right that this process has just obtained and kept covers it. An error's detail is
+/// one line that says why. Any thread, which it blocks until the tool has ended; there is no timeout.
+Result<void> SMJobBless(const QString &helper, const Programs &programs = {});
 
 } // namespace Blessing

@@ -69,7 +69,7 @@ void HelperClient::forget(const std::weak_ptr<HelperConnection> &connection)
 {
     std::shared_ptr<HelperConnection> forgotten; // let go after the guard
     const std::scoped_lock lock(guard_);
-    // A newer connection may have taken the place meanwhile: that one stays.
+    // A newer connection may be there already: that one stays.
     if (xpcHelperConnection_ && xpcHelperConnection_ == connection.lock())
         forgotten.swap(xpcHelperConnection_);
 }

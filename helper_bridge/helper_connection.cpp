@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "helper_connection.h"
 
-#include "background_queue.h"
 #include "helper_session.h"
 
 #include <QDBusError>
@@ -73,7 +72,6 @@ private:
 
 void PrivateThread::run()
 {
-    const BackgroundQueue::Member member([this] { quit(); });
     exec();
     for (HelperSession *const session : sessions)
         session->close();
@@ -277,6 +275,12 @@ void HelperConnection::setInvalidationHandler(std::function<void()> handler)
 void HelperConnection::resume()
 {
     PrivateThread::shared().start();
+}
+
+void HelperConnection::finish()
+{
+    PrivateThread::shared().quit();
+    PrivateThread::shared().wait();
 }
 
 std::shared_ptr<HelperProtocol> HelperConnection::remoteObjectProxyWithErrorHandler(ErrorHandler errorHandler)

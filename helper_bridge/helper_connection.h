@@ -17,7 +17,7 @@ struct MessageError {
 };
 
 /// The client's connection to the privileged helper on the system bus. Every handler runs on a private thread, which
-/// also sends, so that messages go out while the main thread is blocked. No reply has a time limit.
+/// also sends, so that messages go out while the main thread is blocked. No reply has a timeout.
 class HelperConnection {
 public:
     using ErrorHandler = std::function<void(const MessageError &)>;
@@ -41,6 +41,10 @@ public:
     /// after the invalidation gets its error like any other; one that a leaving helper has not begun to serve is sent
     /// again to the next one. Any thread; does not block. The proxy may outlive the connection.
     std::shared_ptr<HelperProtocol> remoteObjectProxyWithErrorHandler(ErrorHandler errorHandler);
+
+    /// Ends the private thread of all connections. Messages without a reply get none of their handlers called. Main
+    /// thread, after the event loop; blocks until the handler that is running has returned.
+    static void finish();
 
 private:
     std::shared_ptr<HelperSession> session_;

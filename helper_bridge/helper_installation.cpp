@@ -57,8 +57,8 @@ void HelperClient::installHelper()
     if (status != success) {
         SystemLog::write(u"Authorization error: Error Domain=NSOSStatusErrorDomain Code=%1 \"(null)\""_s.arg(status));
         terminate();
-    } else if (const auto error = Blessing::SMJobBless(bundleHelper(), programs_)) {
-        SystemLog::write(u"Bless Error: "_s + *error);
+    } else if (const auto blessed = Blessing::SMJobBless(bundleHelper(), programs_); !blessed) {
+        SystemLog::write(u"Bless Error: "_s + QString::fromUtf8(blessed.error().detail));
         terminate();
     } else {
         SystemLog::write(label + u" installed successfully"_s);

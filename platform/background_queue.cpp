@@ -2,28 +2,26 @@
 #include "background_queue.h"
 
 #include <condition_variable>
-#include <map>
 #include <mutex>
 #include <sys/resource.h>
 #include <thread>
-#include <unistd.h>
 #include <utility>
+#include <vector>
 
 namespace {
 
-struct Threads {
+struct Queue {
     std::mutex guard; ///< of everything below
-    std::condition_variable changed;
-    std::map<const BackgroundQueue::Member *, std::function<void()>> ends;
-    int running = 0;
+    std::condition_variable ends;
+    std::vector<std::thread> threads;
     bool ending = false;
 };
 
-Threads &threads()
+Queue &queue()
 {
     // Leaked on purpose: a thread that outlives main() must still find it.
-    static auto *const all = new Threads;
-    return *all;
+    static auto *const one = new Queue;
+    return *one;
 }
 
 void lowerPriority()
@@ -33,67 +31,32 @@ void lowerPriority()
     setpriority(PRIO_PROCESS, 0, background);
 }
 
-void leave()
-{
-    Threads &all = threads();
-    const std::scoped_lock lock(all.guard);
-    --all.running;
-    all.changed.notify_all();
-}
-
 } // namespace
 
 void BackgroundQueue::async(std::function<void()> work)
 {
-    Threads &all = threads();
-    {
-        const std::scoped_lock lock(all.guard);
-        if (all.ending)
-            return;
-        ++all.running;
-    }
-    std::thread([work = std::move(work)]() mutable {
+    const std::scoped_lock lock(queue().guard);
+    if (queue().ending)
+        return;
+    queue().threads.emplace_back([work = std::move(work)] {
         lowerPriority();
         work();
-        work = nullptr; // what the work holds is let go before the end of the process may go on
-        leave();
-    }).detach();
+    });
 }
 
 bool BackgroundQueue::pause(std::chrono::milliseconds span)
 {
-    Threads &all = threads();
-    std::unique_lock lock(all.guard);
-    return !all.changed.wait_for(lock, span, [&all] { return all.ending; });
+    std::unique_lock lock(queue().guard);
+    return !queue().ends.wait_for(lock, span, [] { return queue().ending; });
 }
 
-bool BackgroundQueue::finish(std::chrono::milliseconds limit)
+void BackgroundQueue::finish()
 {
-    Threads &all = threads();
-    std::unique_lock lock(all.guard);
-    all.ending = true;
-    for (const auto &[member, end] : all.ends)
-        end();
-    all.changed.notify_all();
-    return all.changed.wait_for(lock, limit, [&all] { return all.running == 0; });
-}
-
-BackgroundQueue::Member::Member(std::function<void()> end)
-{
-    Threads &all = threads();
-    const std::scoped_lock lock(all.guard);
-    ++all.running;
-    if (all.ending)
-        end();
-    all.ends.emplace(this, std::move(end));
-}
-
-BackgroundQueue::Member::~Member()
-{
-    {
-        Threads &all = threads();
-        const std::scoped_lock lock(all.guard);
-        all.ends.erase(this);
-    }
-    leave();
+    std::unique_lock lock(queue().guard);
+    queue().ending = true;
+    auto threads = std::exchange(queue().threads, {});
+    lock.unlock();
+    queue().ends.notify_all();
+    for (std::thread &thread : threads)
+        thread.join();
 }

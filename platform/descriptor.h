@@ -20,10 +20,11 @@ public:
 
     [[nodiscard]] int get() const { return descriptor_; }
     explicit operator bool() const { return descriptor_ >= 0; }
-    void close()
+    /// False, with the reason in errno, when the kernel tells only now that a write has failed.
+    bool close() // NOLINT(modernize-use-nodiscard): nobody asks after reading
     {
-        if (const int open = std::exchange(descriptor_, -1); open >= 0)
-            ::close(open);
+        const int open = std::exchange(descriptor_, -1);
+        return open < 0 || ::close(open) == 0;
     }
 
 private:

@@ -18,8 +18,8 @@ using namespace Qt::StringLiterals;
 namespace {
 
 constexpr char section[] = ".info_plist";
-constexpr size_t largestList = 65536;
-constexpr size_t mostSections = 256;
+constexpr size_t maxList = 65536;
+constexpr size_t maxSections = 256;
 
 using ElfFile = std::unique_ptr<Elf, decltype([](Elf *elf) { elf_end(elf); })>;
 
@@ -30,7 +30,7 @@ QByteArray sectionBytes(Elf *elf)
     size_t sections = 0;
     // Many sections with endless names would take minutes.
     if (elf_kind(elf) != ELF_K_ELF || elf_getshdrstrndx(elf, &names) != 0 || elf_getshdrnum(elf, &sections) != 0 ||
-        sections > mostSections)
+        sections > maxSections)
         return {};
     for (Elf_Scn *candidate = elf_nextscn(elf, nullptr); candidate; candidate = elf_nextscn(elf, candidate)) {
         // A copy: a file may have it lie where no structure can be looked at in place.
@@ -38,7 +38,7 @@ QByteArray sectionBytes(Elf *elf)
         const char *const name = gelf_getshdr(candidate, &header) ? elf_strptr(elf, names, header.sh_name) : nullptr;
         if (!name || std::strcmp(name, section) != 0)
             continue;
-        if (header.sh_type != SHT_PROGBITS || (header.sh_flags & SHF_COMPRESSED) != 0 || header.sh_size > largestList)
+        if (header.sh_type != SHT_PROGBITS || (header.sh_flags & SHF_COMPRESSED) != 0 || header.sh_size > maxList)
             return {};
         const Elf_Data *const data = elf_rawdata(candidate, nullptr);
         if (!data || !data->d_buf)
@@ -95,11 +95,11 @@ std::optional<QString> InfoDictionary::text(QByteArrayView executable, const cha
 
 std::optional<QString> InfoDictionary::textInFile(const QString &path, const char *key)
 {
-    constexpr qsizetype largestHelper = 64LL * 1024 * 1024;
+    constexpr qsizetype maxHelper = 64LL * 1024 * 1024;
     const int file = ::open(QFile::encodeName(path).constData(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
     if (file < 0)
         return std::nullopt;
-    const auto bytes = wholeFile(file, largestHelper);
+    const auto bytes = wholeFile(file, maxHelper);
     ::close(file);
     return bytes ? text(*bytes, key) : std::nullopt;
 }

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "private_file.h"
 
+#include "descriptor.h"
 #include "write_all.h"
 
 #include <cerrno>
@@ -12,6 +13,7 @@ namespace {
 
 constexpr mode_t ownerOnly = 0600;
 
+/// An errno, or 0 for a file that is the caller's own.
 int refusal(int descriptor)
 {
     struct stat found {};
@@ -24,32 +26,32 @@ int refusal(int descriptor)
     return found.st_nlink == 1 ? 0 : EMLINK;
 }
 
-/// Runs `use` on the opened file once that is known to be the caller's own.
+/// Runs `use`, which returns 0 or an errno, on the opened file once that is known to be the caller's own.
 template <typename Use>
-int withFile(const char *path, Use use)
+Result<void> withFile(const char *path, Use use)
 {
     // Nothing is truncated, and a pipe's missing reader not waited for, before it is known what was opened.
-    const int descriptor = ::open(path, O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, ownerOnly);
-    if (descriptor < 0)
-        return errno;
-    int error = refusal(descriptor);
-    if (error == 0 && ::fchmod(descriptor, ownerOnly) != 0)
+    Descriptor file(::open(path, O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, ownerOnly));
+    int error = file ? refusal(file.get()) : errno;
+    if (error == 0 && ::fchmod(file.get(), ownerOnly) != 0)
         error = errno;
     if (error == 0)
-        error = use(descriptor);
-    if (::close(descriptor) != 0 && error == 0)
+        error = use(file.get());
+    if (!file.close() && error == 0)
         error = errno;
-    return error;
+    if (error != 0)
+        return systemFailure(error);
+    return {};
 }
 
 } // namespace
 
-int PrivateFile::ensure(const char *path)
+Result<void> PrivateFile::ensure(const char *path)
 {
     return withFile(path, [](int) { return 0; });
 }
 
-int PrivateFile::write(const char *path, QByteArrayView content)
+Result<void> PrivateFile::write(const char *path, QByteArrayView content)
 {
     return withFile(path, [content](int descriptor) {
         const int error = ::ftruncate(descriptor, 0) == 0 ? writeAll(descriptor, content) : errno;

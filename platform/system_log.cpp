@@ -49,7 +49,7 @@ bool tellLog(const QByteArray &line)
             log = connectToLog();
         if (log < 0)
             break;
-        if (::send(log, message.constData(), static_cast<size_t>(message.size()), MSG_NOSIGNAL) >= 0 || errno == EAGAIN)
+        if (::send(log, message.constData(), static_cast<size_t>(message.size()), 0) >= 0 || errno == EAGAIN)
             return true;
         ::close(std::exchange(log, -1));
     }

@@ -5,10 +5,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-std::optional<QByteArray> wholeFile(int descriptor, qsizetype limit)
+std::optional<QByteArray> wholeFile(int descriptor, qsizetype maxSize)
 {
     struct stat found {};
-    if (::fstat(descriptor, &found) != 0 || !S_ISREG(found.st_mode) || found.st_size <= 0 || found.st_size > limit)
+    if (::fstat(descriptor, &found) != 0 || !S_ISREG(found.st_mode) || found.st_size <= 0 || found.st_size > maxSize)
         return std::nullopt;
     QByteArray bytes(found.st_size, Qt::Uninitialized);
     qsizetype filled = 0;

@@ -3,6 +3,7 @@
 
 #include "app_delegate.h"
 #include "background_queue.h"
+#include "helper_connection.h"
 #include "quit_signals.h"
 #include "silent_bus.h"
 #include "single_instance.h"
@@ -11,10 +12,10 @@
 
 #include <QApplication>
 
+#include <csignal>
 #include <cstdlib>
 
 using namespace Qt::StringLiterals;
-using namespace std::chrono_literals;
 
 namespace {
 
@@ -31,12 +32,11 @@ int run(QApplication &application, SingleInstance &instance)
     QObject::connect(&application, &QApplication::aboutToQuit, &delegate, &AppDelegate::applicationWillTerminate);
     delegate.applicationDidFinishLaunching();
     const int status = QApplication::exec();
-    // Qt waits for a name service that does not answer; nobody who has chosen to quit does.
-    QuitSignals::limitTheEnd();
-    // A thread that is still at work, in the kernel or waiting for the bus, may touch any object of the process, the
-    // delegate too: then no destructor may run any more.
-    if (!BackgroundQueue::finish(80ms))
-        std::_Exit(status);
+    // Any of what follows may wait: for a write that nobody reads, for an administrator, in Qt for a name service.
+    QuitSignals::startDeadline();
+    // Their threads use the delegate, so they end first.
+    HelperConnection::finish();
+    BackgroundQueue::finish();
     return status;
 }
 
@@ -44,8 +44,10 @@ int run(QApplication &application, SingleInstance &instance)
 
 int applicationMain(int &argc, char **argv)
 {
+    // A reader that has left is an error like any other, of a socket as of standard output.
+    (void)std::signal(SIGPIPE, SIG_IGN);
     StandardOutput::keepOutOfSystemLog();
-    SessionBus::leaveWhenSilent();
+    SilentBus::leaveWhenSilent();
     QApplication application(argc, argv);
     QApplication::setApplicationName(u"Corvale"_s);
     QApplication::setDesktopFileName(u"corvale"_s);

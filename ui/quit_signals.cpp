@@ -5,47 +5,44 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdint>
 #include <ctime>
-#include <fcntl.h>
+#include <sys/eventfd.h>
 #include <unistd.h>
 
 namespace {
 
-constexpr itimerspec lastMoment{{0, 0}, {0, 90'000'000}}; // ns; a session's end waits for nobody much longer
+constexpr itimerspec deadline{{0, 0}, {0, 90'000'000}}; // ns; a desktop that ends does not wait much longer
 
-struct Wire {
-    int readEnd = -1;
-    int writeEnd = -1;
-    timer_t timer{};
-};
-Wire wire; // a signal handler gets at nothing else
+// Global, because a signal handler can reach nothing else.
+int asked = -1;
+timer_t timer{};
 
 extern "C" void onQuitSignal(int)
 {
     const int before = errno;
     // The event loop may be blocked in a connection attempt for many seconds; the timer goes off all the same.
-    timer_settime(wire.timer, 0, &lastMoment, nullptr);
-    [[maybe_unused]] const ssize_t written = write(wire.writeEnd, "", 1);
+    timer_settime(timer, 0, &deadline, nullptr);
+    const std::uint64_t one = 1;
+    [[maybe_unused]] const ssize_t written = write(asked, &one, sizeof one);
     errno = before;
 }
 
-extern "C" void onLastMoment(int)
+extern "C" void onDeadline(int)
 {
     _exit(EXIT_SUCCESS);
 }
 
-int openWire()
+int prepare()
 {
-    if (wire.readEnd >= 0)
-        return wire.readEnd;
-    int ends[2] = {-1, -1};
-    if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) == 0)
-        wire = {ends[0], ends[1], {}};
+    if (asked >= 0)
+        return asked;
+    asked = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     sigevent expiry{};
     expiry.sigev_notify = SIGEV_SIGNAL;
     expiry.sigev_signo = SIGALRM;
-    timer_create(CLOCK_MONOTONIC, &expiry, &wire.timer);
-    return wire.readEnd;
+    timer_create(CLOCK_MONOTONIC, &expiry, &timer);
+    return asked;
 }
 
 void handle(int number, void (*handler)(int))
@@ -59,15 +56,15 @@ void handle(int number, void (*handler)(int))
 
 } // namespace
 
-void QuitSignals::limitTheEnd()
+void QuitSignals::startDeadline()
 {
-    timer_settime(wire.timer, 0, &lastMoment, nullptr);
+    timer_settime(timer, 0, &deadline, nullptr);
 }
 
-QuitSignals::QuitSignals() : arrived_(openWire(), QSocketNotifier::Read)
+QuitSignals::QuitSignals() : asked_(prepare(), QSocketNotifier::Read)
 {
-    QObject::connect(&arrived_, &QSocketNotifier::activated, &arrived_, [] { QCoreApplication::exit(); });
-    handle(SIGALRM, onLastMoment);
+    QObject::connect(&asked_, &QSocketNotifier::activated, &asked_, [] { QCoreApplication::exit(); });
+    handle(SIGALRM, onDeadline);
     handle(SIGINT, onQuitSignal);
     handle(SIGTERM, onQuitSignal);
 }

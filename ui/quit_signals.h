@@ -3,16 +3,16 @@
 
 #include <QSocketNotifier>
 
-/// While it lives, SIGINT and SIGTERM end the event loop of the application instead of the process. A process that is
-/// too busy to end by itself in a moment is ended where it stands: nothing of the client's needs its end. One at a
-/// time; main thread.
+/// While it lives, SIGINT and SIGTERM end the event loop of the application instead of the process. A process that has
+/// not ended by itself 90 ms later is ended wherever it stands: nothing of the client's is lost by that. One at a time;
+/// main thread.
 class QuitSignals final {
 public:
     QuitSignals();
 
-    /// Grants the process no more than that moment from now on, as if it had been asked to end.
-    static void limitTheEnd();
+    /// The same limit from now on for an end that no signal asked for.
+    static void startDeadline();
 
 private:
-    QSocketNotifier arrived_;
+    QSocketNotifier asked_;
 };

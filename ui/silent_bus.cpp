@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "silent_bus.h"
 
+#include "descriptor.h"
+
 #include <QByteArray>
 #include <QList>
 
@@ -14,7 +16,7 @@
 
 namespace {
 
-constexpr int patience = 500; // ms
+constexpr int timeout = 500; // ms
 
 QByteArray address()
 {
@@ -34,34 +36,33 @@ QByteArray value(const QByteArray &addresses, const QByteArray &key)
     return {};
 }
 
-/// Whether the bus takes the connection `socket` and then lets its greeting go unanswered. A bus that cannot be
-/// reached at all is left to those who ask it: they fail at once.
+/// Whether the bus takes the connection `socket` and then does not answer the greeting. A bus that cannot be reached
+/// at all is no concern here: whoever asks it fails at once.
 bool isSilent(int socket, const sockaddr_un &name, socklen_t size)
 {
     if (connect(socket, reinterpret_cast<const sockaddr *>(&name), size) != 0)
         return errno == EAGAIN; // so many are waiting already
     const QByteArray greeting = QByteArray("\0AUTH EXTERNAL ", 15) + QByteArray::number(getuid()).toHex() + "\r\n";
-    if (send(socket, greeting.constData(), static_cast<size_t>(greeting.size()), MSG_NOSIGNAL) < 0)
+    if (send(socket, greeting.constData(), static_cast<size_t>(greeting.size()), 0) < 0)
         return false;
     pollfd answer{socket, POLLIN, 0};
-    return poll(&answer, 1, patience) == 0;
+    return poll(&answer, 1, timeout) == 0;
 }
 
 } // namespace
 
-void SessionBus::leaveWhenSilent()
+void SilentBus::leaveWhenSilent()
 {
     const QByteArray path = value(address(), "path");
-    const QByteArray place = path.isEmpty() ? '\0' + value(address(), "abstract") : path;
+    const QByteArray socketName = path.isEmpty() ? '\0' + value(address(), "abstract") : path;
     sockaddr_un name{};
     name.sun_family = AF_UNIX;
-    if (place.size() < 2 || static_cast<size_t>(place.size()) >= sizeof name.sun_path)
+    if (socketName.size() < 2 || static_cast<size_t>(socketName.size()) >= sizeof name.sun_path)
         return;
-    memcpy(name.sun_path, place.constData(), static_cast<size_t>(place.size()));
+    memcpy(name.sun_path, socketName.constData(), static_cast<size_t>(socketName.size()));
     // A name in the abstract space ends where its length says, a path at its zero.
-    const auto size = offsetof(sockaddr_un, sun_path) + static_cast<size_t>(place.size()) + (path.isEmpty() ? 0 : 1);
-    const int socket = ::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    if (socket >= 0 && isSilent(socket, name, static_cast<socklen_t>(size)))
+    const auto size = offsetof(sockaddr_un, sun_path) + static_cast<size_t>(socketName.size()) + (path.isEmpty() ? 0 : 1);
+    const Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    if (socket && isSilent(socket.get(), name, static_cast<socklen_t>(size)))
         qputenv("DBUS_SESSION_BUS_ADDRESS", "disabled:");
-    close(socket);
 }

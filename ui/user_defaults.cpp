@@ -9,8 +9,6 @@
 #include <QFileInfo>
 #include <QSettings>
 
-#include <system_error>
-
 using namespace Qt::StringLiterals;
 
 namespace {
@@ -31,10 +29,10 @@ bool prepare(const QFileInfo &file)
     QDir().mkpath(file.path());
     // Some people keep their configuration elsewhere, behind links; QSettings then replaces what the link points to.
     const QString path = file.exists() ? file.canonicalFilePath() : file.filePath();
-    const int error = PrivateFile::ensure(QFile::encodeName(path).constData());
-    if (error != 0)
-        logFailure(QString::fromStdString(std::generic_category().message(error)));
-    return error == 0;
+    const auto ensured = PrivateFile::ensure(QFile::encodeName(path).constData());
+    if (!ensured)
+        logFailure(QString::fromLocal8Bit(ensured.error().detail));
+    return ensured.has_value();
 }
 
 /// Applies `change` and writes it to the disk at once, as a whole.

@@ -63,7 +63,7 @@ TEST(AccountAnswer, EveryFailureHasItsMessage)
 
 TEST(AccountAnswer, ADocumentDeeperThanAnyStackIsReadCopiedAndLetGo)
 {
-    const qsizetype half = HttpClient::largestBody / 8;
+    const qsizetype half = HttpClient::maxBody / 8;
     const AccountAnswer answer = sortAnswer({200, false, QByteArray(half, '[') + QByteArray(half, ']')});
     const AccountAnswer copy = answer;
     EXPECT_EQ(copy.kind(), Kind::success);

@@ -47,7 +47,7 @@ auto always(const HttpsServer::Reply &reply)
 
 TEST(HttpClient, SaysWhatCameAndSendsEachRequestOnce)
 {
-    const QByteArray large(HttpClient::largestBody, 'x');
+    const QByteArray large(HttpClient::maxBody, 'x');
     const struct {
         const char *name;
         HttpsServer::Reply reply;
@@ -85,7 +85,7 @@ TEST(HttpClient, SaysWhatCameAndSendsEachRequestOnce)
             const HttpsServer server(always(row.reply));
             HttpRequest request = make(server.address("/"));
             if (row.reply.open && row.failed)
-                request.idleLimit = 1500ms;
+                request.idleTimeout = 1500ms;
             const HttpResult result = ask(request);
             EXPECT_EQ(result.status, row.status);
             EXPECT_EQ(result.failed, row.failed);

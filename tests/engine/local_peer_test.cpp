@@ -1,21 +1,20 @@
 // SPDX-License-Identifier: MIT
 #include "local_peer.h"
-#include "tcp_client.h"
-#include "tcp_peer.h"
-#include "wait_for.h"
+#include "openvpn_management.h"
 
-#include <cerrno>
+#include <csignal>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <utility>
 
 using namespace std::chrono_literals;
 
 namespace {
 
-constexpr uid_t stranger = 65534;
+constexpr quint16 managementPort = 1337;
 constexpr char head[] =
     "  sl  local_address rem_address   st tx_queue rx_queue tr tm->when retrnsmt   uid  timeout inode\n";
 
@@ -26,50 +25,50 @@ std::string row(const char *local, const char *remote, const char *state, int us
            std::to_string(user) + "        0 " + std::to_string(inode) + " 1 00000000014eaa9d 100 0 0 10 0\n";
 }
 
-/// A listener of another user that accepts at once, or never; and what it has read.
-class Stranger {
+/// Runs `work` in a child process of this user. The child ends with its work, or with this object.
+class Child {
 public:
-    explicit Stranger(bool accepts)
+    template <typename Work>
+    Child(uid_t user, Work work) : pid_(::fork())
     {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t size = sizeof address;
-        int ends[2];
-        if (::pipe(ends) != 0)
-            return;
-        child_ = ::fork();
-        if (child_ == 0) {
-            const int listener = ::setuid(stranger) == 0 ? ::socket(AF_INET, SOCK_STREAM, 0) : -1;
-            ::bind(listener, reinterpret_cast<sockaddr *>(&address), size);
-            ::listen(listener, 5);
-            ::getsockname(listener, reinterpret_cast<sockaddr *>(&address), &size);
-            const ssize_t told = ::write(ends[1], &address.sin_port, sizeof address.sin_port);
-            char byte = 0;
-            while (told > 0 && accepts)
-                if (::read(::accept(listener, nullptr, nullptr), &byte, 1) > 0)
-                    ::_exit(1);
-            ::pause();
-        }
-        if (::read(ends[0], &address.sin_port, sizeof address.sin_port) > 0)
-            port = ntohs(address.sin_port);
-        ::close(ends[0]);
-        ::close(ends[1]);
+        if (pid_ == 0)
+            ::_exit(::setuid(user) == 0 ? work() : EXIT_FAILURE);
     }
-    ~Stranger()
+    ~Child()
     {
-        ::kill(child_, SIGKILL);
-        ::waitpid(child_, nullptr, 0);
+        if (pid_ > 0) // 0 would be this process's own group
+            ::kill(pid_, SIGKILL), status();
     }
-    Stranger(const Stranger &) = delete;
-    Stranger &operator=(const Stranger &) = delete;
+    Child(const Child &) = delete;
+    Child &operator=(const Child &) = delete;
 
-    [[nodiscard]] bool readNothing() const { return ::waitpid(child_, nullptr, WNOHANG) == 0; } ///< ask once
-    quint16 port = 0;
+    /// Waits for its end.
+    int status()
+    {
+        int status = 0;
+        return ::waitpid(std::exchange(pid_, 0), &status, 0) > 0 ? WEXITSTATUS(status) : EXIT_FAILURE;
+    }
 
 private:
-    pid_t child_ = -1;
+    pid_t pid_;
 };
+
+/// Listens on the management port, accepts whoever comes or nobody, and says when it listens.
+int listenOn(quint16 port, bool accepts, int ready)
+{
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const int listener = ::socket(AF_INET, SOCK_STREAM, 0);
+    const int on = 1;
+    ::setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    if (::bind(listener, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0 || ::listen(listener, 5) != 0)
+        return EXIT_FAILURE;
+    for (ssize_t told = ::write(ready, "", 1); told > 0 && accepts;)
+        (void)::accept(listener, nullptr, nullptr);
+    return ::pause();
+}
 
 } // namespace
 
@@ -100,20 +99,25 @@ TEST(LocalPeer, belongsToWhoeverHasAcceptedTheConnectionAndBeforeThatToTheListen
             << one.what;
 }
 
-TEST(LocalPeer, aStrangersListenerGetsNoByteAndOnesOwnIsReached)
+TEST(LocalPeer, aListenerIsTrustedWhenItIsRootsOrTheClientsOwnUsers)
 {
-    const TCPPeer own;
-    EXPECT_FALSE(TCPClient("127.0.0.1", own.port(), LocalPeer::isTrusted).connect(3s));
     if (::geteuid() != 0)
-        GTEST_SKIP() << "another user's listener needs root";
-    for (const bool accepts : {true, false}) {
-        const Stranger other(accepts);
-        ASSERT_NE(other.port, 0);
-        TCPClient client("127.0.0.1", other.port, LocalPeer::isTrusted);
-        for (int i = 0; i < 4; ++i) {
-            EXPECT_EQ(client.connect(3s)->number, EPERM);
-            EXPECT_EQ(client.send("password")->number, ENOTCONN);
+        GTEST_SKIP() << "other users' processes need root";
+    for (const uid_t user : {0U, 33U}) {
+        for (const bool accepts : {true, false}) {
+            SCOPED_TRACE(testing::Message() << "listener " << user << (accepts ? ", accepting" : ""));
+            int ready[2];
+            ASSERT_EQ(::pipe(ready), 0);
+            const Child listener(user, [=] { return listenOn(managementPort, accepts, ready[1]); });
+            ::close(ready[1]);
+            char byte = 0;
+            ASSERT_EQ(::read(ready[0], &byte, 1), 1);
+            ::close(ready[0]);
+            for (const uid_t client : {0U, 33U, 34U}) {
+                // With the connection that the tunnel service uses.
+                Child asking(client, [] { return OpenVPNManagement().socket.connect(3s) ? 0 : 1; });
+                EXPECT_EQ(asking.status() == 0, user == 0 || user == client) << "client " << client;
+            }
         }
-        EXPECT_TRUE(other.readNothing());
     }
 }

@@ -1,65 +1,50 @@
 // SPDX-License-Identifier: MIT
 #include "private_file.h"
 
-#include <QFile>
+#include "files.h"
+
 #include <QTemporaryDir>
 
 #include <csignal>
 #include <fcntl.h>
 #include <filesystem>
+#include <functional>
 #include <gmock/gmock.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-using namespace testing;
 namespace fs = std::filesystem;
 
 namespace {
 
-void fill(const std::string &path, const char *content, mode_t mode)
-{
-    QFile file(QString::fromStdString(path));
-    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-    file.write(content);
-    file.close();
-    ASSERT_EQ(::chmod(path.c_str(), mode), 0);
-}
-
-std::string contentOf(const std::string &path)
-{
-    QFile file(QString::fromStdString(path));
-    return file.open(QIODevice::ReadOnly) ? file.readAll().toStdString() : "(none)";
-}
-
-mode_t modeOf(const std::string &path)
-{
-    struct stat found {};
-    return ::stat(path.c_str(), &found) == 0 ? found.st_mode & 07777 : 0;
-}
-
-class PrivateFileTest : public Test {
+class PrivateFileTest : public testing::Test {
 protected:
+    QByteArray write(const QByteArray &content) const
+    {
+        return failureOf(PrivateFile::write(qPrintable(path_), content));
+    }
+
     const QTemporaryDir folder_;
-    const std::string path_ = folder_.filePath(QStringLiteral("file")).toStdString();
-    const std::string other_ = folder_.filePath(QStringLiteral("other")).toStdString();
+    const QString path_ = folder_.filePath(QStringLiteral("file"));
+    const QString other_ = folder_.filePath(QStringLiteral("other"));
 };
 
 TEST_F(PrivateFileTest, AFileIsMadeOrReplacedInPlaceForItsOwnerAlone)
 {
     const mode_t before = ::umask(0);
-    EXPECT_EQ(PrivateFile::write(path_.c_str(), "fresh and long"), 0);
+    EXPECT_EQ(write("fresh and long"), "nothing");
     ::umask(before);
-    EXPECT_EQ(modeOf(path_), 0600u);
+    EXPECT_EQ(modeOf(path_), "0600");
 
-    fill(path_, "something longer than what comes", 0666);
-    const int reader = ::open(path_.c_str(), O_RDONLY);
-    EXPECT_EQ(PrivateFile::write(path_.c_str(), "Contraseña\n"), 0);
+    writeFile(path_, "something longer than what comes", 0666);
+    const int reader = ::open(qPrintable(path_), O_RDONLY);
+    EXPECT_EQ(write("Contraseña\n"), "nothing");
     char seen[64] = {};
     EXPECT_EQ(::read(reader, seen, sizeof seen), 12) << "not the same file any more";
     ::close(reader);
     EXPECT_EQ(contentOf(path_), "Contraseña\n");
-    EXPECT_EQ(modeOf(path_), 0600u);
+    EXPECT_EQ(modeOf(path_), "0600");
 }
 
 TEST_F(PrivateFileTest, AContentForWhichThereIsNoRoomLeavesNoHalf)
@@ -69,52 +54,50 @@ TEST_F(PrivateFileTest, AContentForWhichThereIsNoRoomLeavesNoHalf)
     const rlimit four{4, room.rlim_max};
     const auto before = std::signal(SIGXFSZ, SIG_IGN);
     ::setrlimit(RLIMIT_FSIZE, &four);
-    const int error = PrivateFile::write(path_.c_str(), "remote-cert-tls server");
+    const QByteArray failure = write("remote-cert-tls server");
     ::setrlimit(RLIMIT_FSIZE, &room);
     (void)std::signal(SIGXFSZ, before);
-    EXPECT_EQ(error, EFBIG);
+    EXPECT_EQ(failure, words(EFBIG));
     EXPECT_EQ(contentOf(path_), "");
 }
 
-TEST_F(PrivateFileTest, WhatIsNotTheUsersOwnPlainFileIsLeftAsItIs)
+TEST_F(PrivateFileTest, AnythingButTheUsersOwnPlainFileIsLeftAsItIs)
 {
+    const QByteArray path = path_.toLocal8Bit();
+    const QByteArray other = other_.toLocal8Bit();
     const struct {
         const char *name;
         std::function<void()> make;
         int error;
     } rows[] = {
-        {"symbolic link", [&] { fs::create_symlink(other_, path_); }, ELOOP},
-        {"dangling link", [&] { fs::create_symlink("nowhere", path_); }, ELOOP},
-        {"hard link", [&] { fs::create_hard_link(other_, path_); }, EMLINK},
-        {"directory", [&] { fs::create_directory(path_); }, EISDIR},
-        {"pipe", [&] { ::mkfifo(path_.c_str(), 0644); }, ENXIO},
+        {"symbolic link", [&] { fs::create_symlink(other.constData(), path.constData()); }, ELOOP},
+        {"dangling link", [&] { fs::create_symlink("nowhere", path.constData()); }, ELOOP},
+        {"hard link", [&] { fs::create_hard_link(other.constData(), path.constData()); }, EMLINK},
+        {"directory", [&] { fs::create_directory(path.constData()); }, EISDIR},
+        {"pipe", [&] { ::mkfifo(path, 0644); }, ENXIO},
+        {"pipe that is read", [&] { ::mkfifo(path, 0644), (void)::open(path, O_RDONLY | O_NONBLOCK); }, EINVAL},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.name);
-        fill(other_, "kept", 0644);
+        writeFile(other_, "kept");
         row.make();
-        EXPECT_EQ(PrivateFile::write(path_.c_str(), "new"), row.error);
+        EXPECT_EQ(write("new"), words(row.error));
         EXPECT_EQ(contentOf(other_), "kept");
-        EXPECT_EQ(modeOf(other_), 0644u);
-        fs::remove(path_);
+        EXPECT_EQ(modeOf(other_), "0644");
+        fs::remove(path.constData());
     }
-    ::mkfifo(path_.c_str(), 0644);
-    const int reader = ::open(path_.c_str(), O_RDONLY | O_NONBLOCK);
-    EXPECT_EQ(PrivateFile::write(path_.c_str(), "new"), EINVAL) << "a pipe that is read";
-    ::close(reader);
-    EXPECT_EQ(PrivateFile::write((path_ + "/below").c_str(), ""), ENOTDIR);
-    EXPECT_EQ(PrivateFile::write("/dev/full", ""), EINVAL);
+    EXPECT_EQ(failureOf(PrivateFile::write("/dev/full", "")), words(EINVAL));
 }
 
 TEST_F(PrivateFileTest, AnotherOwnersFileIsLeftAsItIs)
 {
     if (::geteuid() != 0)
         GTEST_SKIP() << "only root can give a file away";
-    fill(path_, "kept", 0666);
-    ASSERT_EQ(::chown(path_.c_str(), 1, 1), 0);
-    EXPECT_EQ(PrivateFile::write(path_.c_str(), "new"), EPERM);
+    writeFile(path_, "kept", 0666);
+    ASSERT_EQ(::chown(qPrintable(path_), 1, 1), 0);
+    EXPECT_EQ(write("new"), words(EPERM));
     EXPECT_EQ(contentOf(path_), "kept");
-    EXPECT_EQ(modeOf(path_), 0666u);
+    EXPECT_EQ(modeOf(path_), "0666");
 }
 
 } // namespace

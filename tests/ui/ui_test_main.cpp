@@ -1,16 +1,18 @@
 // SPDX-License-Identifier: MIT
 #include "background_queue.h"
+#include "helper_connection.h"
 #include "silent_helper.h"
 #include "styling.h"
 
 #include <QApplication>
 #include <QTemporaryDir>
 
-#include <cstdlib>
+#include <csignal>
 #include <gmock/gmock.h>
 
 int main(int argc, char *argv[])
 {
+    (void)std::signal(SIGPIPE, SIG_IGN); // as the program does
     const QTemporaryDir home;
     qputenv("XDG_CONFIG_HOME", QFile::encodeName(home.path()));
     // No test may reach the machine's helper.
@@ -23,7 +25,7 @@ int main(int argc, char *argv[])
     Styling::apply(application);
     const SilentHelper helper;
     const int status = RUN_ALL_TESTS();
-    if (!BackgroundQueue::finish(std::chrono::seconds(5)))
-        std::_Exit(EXIT_FAILURE);
+    HelperConnection::finish();
+    BackgroundQueue::finish();
     return status;
 }
