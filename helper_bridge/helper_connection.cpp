@@ -228,19 +228,19 @@ public:
 
     void getVersionWithResponseHandler(std::function<void(const QString &)> responseHandler) override
     {
-        send<QString>(HelperNames::getVersion, {}, std::move(responseHandler));
+        send<QString>("getVersion", {}, std::move(responseHandler));
     }
 
     void runOpenVPNWithConfig(const QString &config, const QString &client_up, const QString &client_down,
                               std::function<void(qint32)> terminationHandler) override
     {
-        send<qint32>(HelperNames::runOpenVPN, {config, client_up, client_down}, std::move(terminationHandler));
+        send<qint32>("runOpenVPN", {config, client_up, client_down}, std::move(terminationHandler));
     }
 
     void killOpenVPN() override
     {
         session_->enqueue(
-            {QString::fromLatin1(HelperNames::killOpenVPN), {}, [](const QVariantList &) {}, errorHandler_});
+            {u"killOpenVPN"_s, {}, [](const QVariantList &) {}, errorHandler_});
     }
 
 private:

@@ -124,7 +124,7 @@ QByteArray BlessBus::startHelper()
     if (!bus_.isConnected())
         return obstacle();
     auto message = QDBusMessage::createMethodCall(helperName, QLatin1String(HelperNames::path), helperName,
-                                                  QLatin1String(HelperNames::getVersion));
+                                                  u"getVersion"_s);
     const QDBusMessage answer = bus_.call(message, QDBus::Block, patience);
     return answer.type() == QDBusMessage::ReplyMessage
                ? QByteArray()

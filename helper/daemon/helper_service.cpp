@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "helper_service.h"
 
+#include "helper_adaptor.h"
 #include "helper_protocol.h"
 
 #include <algorithm>
@@ -26,6 +27,7 @@ bool areNames(const QVariantList &arguments)
 HelperService::HelperService(const QDBusConnection &bus, const HelperPaths &paths, const HelperLimits &limits)
     : bus_(bus), authority_(bus), judge_(paths), tunnel_(paths, limits)
 {
+    new HelperAdaptor(this); // owned by this
     idle_.setSingleShot(true);
     idle_.setInterval(limits.idle);
     connect(&idle_, &QTimer::timeout, this, &HelperService::leave);
@@ -34,7 +36,7 @@ HelperService::HelperService(const QDBusConnection &bus, const HelperPaths &path
 bool HelperService::offer()
 {
     idle_.start();
-    if (!bus_.registerVirtualObject(QLatin1String(HelperNames::path), this) ||
+    if (!bus_.registerObject(QLatin1String(HelperNames::path), this) ||
         !bus_.registerService(QLatin1String(HelperNames::service)))
         return false;
     // Not before: a helper that may not have the name must not touch the tunnel of the one that has it.
@@ -67,33 +69,42 @@ void HelperService::handOver()
     emit finished();
 }
 
-QString HelperService::introspect(const QString & /*path*/) const
+HelperService::Request HelperService::accept()
 {
+    setDelayedReply(true);
+    return open_.emplace_back(std::make_shared<const QDBusMessage>(message()));
+}
+
+QString HelperService::getVersion()
+{
+    const Request request = accept();
+    answer(request, request->createReply(QStringLiteral(CORVALE_VERSION)));
     return {};
 }
 
-bool HelperService::handleMessage(const QDBusMessage &message, const QDBusConnection & /*bus*/)
+int HelperService::runOpenVPN(const QString & /*config*/, const QString & /*client_up*/, const QString & /*client_down*/)
 {
-    const bool mine = message.interface().isEmpty() || message.interface() == QLatin1String(HelperNames::service);
-    const QString call = message.member() + u'(' + message.signature() + u')';
-    const bool isVersion = call == QLatin1String(HelperNames::getVersion) + "()"_L1;
-    const bool isRun = call == QLatin1String(HelperNames::runOpenVPN) + "(sss)"_L1;
-    const bool isKill = call == QLatin1String(HelperNames::killOpenVPN) + "()"_L1;
-    if (!mine || !(isVersion || isRun || isKill))
-        return false;
-    const auto request = std::make_shared<const QDBusMessage>(message);
-    open_.push_back(request);
-    if (isVersion)
-        answer(request, message.createReply(QStringLiteral(CORVALE_VERSION)));
-    else if (isRun && !areNames(message.arguments()))
+    const Request request = accept();
+    if (!areNames(request->arguments()))
         // Before it is kept for polkit's answer: such messages are as large as their sender likes.
-        answer(request, errorReply(message, {Kind::ConfigUnsafe, "A file's name is too long."}));
-    else if (ending_ && open_.size() > maxHandedOver)
-        answer(request, errorReply(message, {Kind::Busy, "Too many requests wait for the next helper."}));
-    else if (isRun && !ending_)
+        answer(request, errorReply(*request, {Kind::ConfigUnsafe, "A file's name is too long."}));
+    else if (!isOneTooMany(request) && !ending_)
         admit(request, u"com.corvale.macos.helper.run"_s, [=, this](const auto &caller) { run(request, caller); });
-    else if (isKill)
+    return 0;
+}
+
+void HelperService::killOpenVPN()
+{
+    const Request request = accept();
+    if (!isOneTooMany(request))
         admit(request, u"com.corvale.macos.helper.kill"_s, [=, this](const auto &caller) { kill(request, caller); });
+}
+
+bool HelperService::isOneTooMany(const Request &request)
+{
+    if (!ending_ || open_.size() <= maxHandedOver)
+        return false;
+    answer(request, errorReply(*request, {Kind::Busy, "Too many requests wait for the next helper."}));
     return true;
 }
 

@@ -7,8 +7,9 @@
 #include "request_judge.h"
 #include "tunnel.h"
 
+#include <QDBusContext>
 #include <QDBusMessage>
-#include <QDBusVirtualObject>
+#include <QObject>
 #include <QTimer>
 
 #include <functional>
@@ -16,7 +17,7 @@
 #include <vector>
 
 /// The helper's object on the bus: takes the three messages and answers each once. Main thread.
-class HelperService final : public QDBusVirtualObject {
+class HelperService final : public QObject, protected QDBusContext {
     Q_OBJECT
 public:
     HelperService(const QDBusConnection &bus, const HelperPaths &paths, const HelperLimits &limits);
@@ -29,8 +30,11 @@ public:
     /// that says so, and says `finished`.
     Q_SLOT void finish();
 
-    bool handleMessage(const QDBusMessage &message, const QDBusConnection &bus) override;
-    QString introspect(const QString &path) const override;
+    // The members of the interface, called for a message by the generated adaptor. What they return is not sent: each
+    // message is answered on its own.
+    QString getVersion();
+    int runOpenVPN(const QString &config, const QString &client_up, const QString &client_down);
+    void killOpenVPN();
 
 signals:
     /// Nothing is left to do: no tunnel, and no message for as long as the limits say; or `finish` is through.
@@ -39,6 +43,10 @@ signals:
 private:
     using Request = std::shared_ptr<const QDBusMessage>;
 
+    /// The message that is being delivered, which waits for its answer from now on.
+    Request accept();
+    /// Whether it may not wait any longer; then it is answered.
+    bool isOneTooMany(const Request &request);
     void handOver();
     /// Goes on with `next` when the sender may do `action`; answers the request itself when not.
     void admit(const Request &request, const QString &action, std::function<void(const Authority::Caller &)> next);

@@ -5,13 +5,11 @@
 
 #include <functional>
 
-/// What both sides of the system bus agree on: the client, which sends, and the helper, which answers.
+/// What both sides of the system bus agree on: the client, which sends, and the helper, which answers. The interface
+/// itself stands in com.corvale.macos.helper.xml beside this file.
 namespace HelperNames {
 inline constexpr char service[] = "com.corvale.macos.helper"; ///< bus name, interface, label and file name alike
 inline constexpr char path[] = "/com/corvale/macos/helper";
-inline constexpr char getVersion[] = "getVersion";   ///< () → s
-inline constexpr char runOpenVPN[] = "runOpenVPN";   ///< (s config, s client_up, s client_down) → i
-inline constexpr char killOpenVPN[] = "killOpenVPN"; ///< ()
 /// The helper is leaving and has not begun to do what the message asks: the next one will, when it is sent again.
 inline constexpr char leaving[] = "com.corvale.macos.helper.Error.Leaving";
 inline constexpr char errorPrefix[] = "com.corvale.macos.helper.Error.";

@@ -25,14 +25,14 @@ public:
 
     bool handleMessage(const QDBusMessage &message, const QDBusConnection &bus) override
     {
-        if (message.member() == QLatin1String(HelperNames::getVersion)) {
+        if (message.member() == "getVersion"_L1) {
             if (version_ == "error"_L1)
                 bus.send(message.createErrorReply(u"com.corvale.macos.helper.Error.Internal"_s, u"It is ill."_s));
             else if (version_ != "silence"_L1)
                 bus.send(message.createReply(version_));
             return true;
         }
-        if (message.member() != QLatin1String(HelperNames::runOpenVPN))
+        if (message.member() != "runOpenVPN"_L1)
             return false;
         const QString action = message.arguments().value(0).toString();
         const QString first = message.arguments().value(1).toString();
