@@ -65,8 +65,9 @@ int listenOn(quint16 port, bool accepts, int ready)
     ::setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     if (::bind(listener, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0 || ::listen(listener, 5) != 0)
         return EXIT_FAILURE;
-    for (ssize_t told = ::write(ready, "", 1); told > 0 && accepts;)
-        (void)::accept(listener, nullptr, nullptr);
+    const ssize_t told = ::write(ready, "", 1);
+    while (accepts && told > 0 && ::accept(listener, nullptr, nullptr) >= 0) {
+    }
     return ::pause();
 }
 

@@ -82,7 +82,10 @@ public:
         return true;
     }
     void reply(int status) { bus_.send(messages.takeFirst().createReply(status)); }
-    void refuse(const QString &why) { bus_.send(messages.takeFirst().createErrorReply(helperName + u".Error.Busy"_s, why)); }
+    void refuse(const QString &why)
+    {
+        bus_.send(messages.takeFirst().createErrorReply(helperName + u".Error.Busy"_s, why));
+    }
 
     QList<QDBusMessage> messages; ///< without an answer
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "tcp_client.h"
 
+#include "failures.h"
 #include "tcp_peer.h"
 #include "wait_for.h"
 
@@ -23,7 +24,7 @@ public:
         address.sin_family = AF_INET;
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         socklen_t size = sizeof address;
-        ::bind(listener_, reinterpret_cast<sockaddr *>(&address), size);
+        EXPECT_EQ(::bind(listener_, reinterpret_cast<sockaddr *>(&address), size), 0);
         ::listen(listener_, length);
         ::getsockname(listener_, reinterpret_cast<sockaddr *>(&address), &size);
         port = ntohs(address.sin_port);

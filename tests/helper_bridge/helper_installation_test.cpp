@@ -56,7 +56,7 @@ protected:
     }
     static QString script(const QByteArray &commands)
     {
-        const QString path = PrivateBus::folder() + u"/pkexec"_s;
+        QString path = PrivateBus::folder() + u"/pkexec"_s;
         write(path, "#!/bin/sh\n" + commands + '\n');
         return path;
     }

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "private_file.h"
 
+#include "failures.h"
 #include "files.h"
 
 #include <QTemporaryDir>

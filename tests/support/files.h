@@ -2,8 +2,8 @@
 #pragma once
 
 #include <QByteArray>
-#include <QFile>
 #include <QDir>
+#include <QFile>
 #include <QFileInfo>
 
 #include <stdexcept>

@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "result.h"
-
 #include <QByteArray>
 #include <QString>
 
@@ -19,16 +17,4 @@ inline void PrintTo(const QByteArray &text, std::ostream *out)
 inline void PrintTo(const QString &text, std::ostream *out)
 {
     *out << testing::PrintToString(text.toStdString());
-}
-
-/// Why an operation failed, or "nothing". With an errno's own words: `EXPECT_EQ(failureOf(result), words(EPERM))`.
-template <typename T>
-QByteArray failureOf(const Result<T> &result)
-{
-    return result ? QByteArray("nothing") : result.error().detail;
-}
-
-inline QByteArray words(int number)
-{
-    return std::strerror(number);
 }
