@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The helper with the paths and limits (milliseconds) of its command line in the place of the system's. With one word
+// The helper with the paths and timeouts (milliseconds) of its command line in the place of the system's. With one word
 // more the kernel has no watches for it.
 
 #include "helper_program.h"
@@ -29,5 +29,6 @@ int main(int argc, char *argv[])
         return 2;
     watchesAreUsedUp = argc > 9;
     const auto span = [argv](int number) { return std::chrono::milliseconds(std::atoi(argv[number])); };
-    return helperMain(argc, argv, {argv[1], argv[2], argv[3], argv[4], argv[5]}, {span(6), span(7), span(8)});
+    return helperMain(argc, argv, {argv[1], argv[2], argv[3], argv[4], argv[5]},
+                      {span(6), {span(7), span(8), span(8)}});
 }
