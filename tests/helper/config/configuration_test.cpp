@@ -105,7 +105,7 @@ TEST(HostileConfiguration, IsRefusedForWhatItHides)
         {"has a directive that is not allowed", 1, {"\"\"\n"}},
         {no + "client?up", 1, {"client;up /tmp/x\n"}},
         {no + "Client", 1, {"Client\n"}},
-        {no + "root??6?salt?hash?19000?0?99999?", 1, {"root:$6$salt$hash:19000:0:99999:"}},
+        {no + "root??6?salt?hash?19000?0?99999?", 1, {"root:$6$salt$hash:19000:0:99999:7:::"}},
         // Blocks
         {unknown + "up", 1, {"<up>\n/tmp/x\n</up>\n"}},
         {unknown + "auth-user-pass", 1, {block("auth-user-pass", "u\np\n")}},
@@ -176,10 +176,11 @@ TEST(OddConfiguration, IsRewrittenWithTheSameMeaning)
     const std::pair<QByteArray, QByteArray> rows[] = {
         {"", ""},
         {"\xef\xbb\xbf--client\r\n\tdev\ttun\r\n", "client\ndev tun\n"},
-        {"'dev'\"tun\"# x\n", "dev tun\n"},
+        {"'dev'\"tun\"# x\nreneg-sec 2147483647\n", "dev tun\nreneg-sec 2147483647\n"},
         {"client # \\ \xc3\xbc ' \"\n;up /tmp/x", "client\n"},
         {QByteArray(249, ' ') + "float", "float\n"},
-        {"setenv UV_o \"a'b c\"\nverify-x509-name '#x'name", "setenv UV_o \"a'b c\"\nverify-x509-name \"#x\" name\n"},
+        {"setenv UV_o \"a'b c\"\nverify-x509-name '#x'name\nremote-cert-eku \"'x\"",
+         "setenv UV_o \"a'b c\"\nverify-x509-name \"#x\" name\nremote-cert-eku \"'x\"\n"},
         {"client\nsetenv opt user root\n<connection>\nremote a.example\nfast-io\n</connection>\n",
          "client\n<connection>\nremote a.example\n</connection>\nwithout user of line 2\nwithout fast-io of line 5\n"},
         {"auth-nocache\nscript-security 3", "without auth-nocache of line 1\nwithout script-security of line 2\n"},
