@@ -3,9 +3,9 @@
 
 #include "files.h"
 
+#include <QProcess>
 #include <QTemporaryDir>
 
-#include <cstdlib>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -58,7 +58,7 @@ protected:
     {
         write("commands", "UP() { " CLIENT_UP "; }; DOWN() { " CLIENT_DOWN "; }; cd " + folder.path().toUtf8() +
                               preparation + commands + '\n');
-        EXPECT_EQ(std::system("unshare -mn sh " + path("commands").toUtf8()), 0) << commands.constData();
+        EXPECT_EQ(QProcess::execute(u"unshare"_s, {u"-mn"_s, u"sh"_s, path("commands")}), 0) << commands.constData();
     }
 
     static constexpr char original[] = "nameserver 192.0.2.1\noptions edns0\n";
