@@ -224,6 +224,7 @@ TEST_F(BlessTest, aKillAtAnyStepLeavesEveryFileWholeAndTheNextRunCompletes)
         replaced = now == good;
         shell(u"find %1 -name '*.new' -delete"_s.arg(root)); // what must be left is as it was but for the helper
         expectInstalled(now);
+        ASSERT_FALSE(HasFailure()) << "after step " << steps;
     }
     EXPECT_TRUE(replaced);
     EXPECT_GT(steps, 32); // four for each file
