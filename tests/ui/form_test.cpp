@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: MIT
 #include "openvpn_service.h"
-#include "styling.h"
 #include "text_field.h"
 #include "title_button.h"
 #include "ui_fixture.h"
