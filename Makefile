@@ -30,9 +30,9 @@ asan tsan:
 	$(MAKE) --no-print-directory test PRESET=$@
 	BUILD=build/$@ INIT=none lab/demo.sh
 
-# Builds the figures' programs, too, which nothing else does but `make bench`.
+# Builds everything that there is, and reads the fuzzers as clang compiles them.
 lint:
-	$(call made,build run test bench lint,-DBUILD_TESTING=ON -DCORVALE_BENCH=ON,all)
+	$(call made,build run test bench fuzz lint,-DBUILD_TESTING=ON -DCORVALE_BENCH=ON,all)
 	packaging/lint.sh
 
 # Each fuzzer for FUZZ_SECONDS. What it finds stays in build/fuzzers/NAME-*.

@@ -1,20 +1,10 @@
 // SPDX-License-Identifier: MIT
 #include "account_answer.h"
 #include "http_client.h"
+#include "require.h"
 
 #include <cstdint>
-#include <cstdlib>
 #include <nlohmann/json.hpp>
-
-namespace {
-
-void require(bool holds)
-{
-    if (!holds)
-        std::abort();
-}
-
-} // namespace
 
 /// The first byte chooses how the request went, the rest is the body.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)

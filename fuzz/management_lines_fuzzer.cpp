@@ -1,18 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "management_lines.h"
+#include "require.h"
 
 #include <cstdint>
-#include <cstdlib>
-
-namespace {
-
-void require(bool holds)
-{
-    if (!holds)
-        std::abort();
-}
-
-} // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {

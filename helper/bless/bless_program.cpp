@@ -1,15 +1,15 @@
 // SPDX-License-Identifier: MIT
 #include "bless_program.h"
 
-#include "carried_files.h"
 #include "descriptor.h"
 #include "helper_source.h"
-#include "placed_files.h"
+#include "placed_file.h"
 #include "system_services.h"
 
 #include <QCoreApplication>
 #include <QDir>
 #include <QFile>
+#include <QResource>
 
 #include <csignal>
 #include <cstdio>
@@ -22,53 +22,61 @@
 #include <sys/time.h>
 #include <vector>
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
 constexpr int done = 0;
 constexpr int failed = 1;
 constexpr int wrongUse = 2;
-constexpr unsigned longest = 180; // s; more than all the patience with bus and helper together
+constexpr unsigned timeout = 180; // s; longer than all the timeouts for bus and helper together
 constexpr mode_t program = 0755;
 constexpr mode_t data = 0644;
 
-struct Placed {
+struct Target {
     QByteArray path;
-    QByteArrayView bytes;
+    QByteArray bytes;
     mode_t mode;
 };
 
-/// All that goes with the helper but what lets the bus start it.
-std::vector<Placed> companions(const BlessPaths &paths)
+/// A file that the tool carries inside itself: it reads no file but the helper.
+QByteArray carried(const char *name)
+{
+    return QResource(u":/carried/"_s + QLatin1String(name)).uncompressedData();
+}
+
+/// Everything that goes with the helper, except the file that lets the bus start it.
+std::vector<Target> companions(const TargetPaths &paths)
 {
     return {
-        {paths.programs + "/client.up", BlessContents::clientUp(), program},
-        {paths.programs + "/client.down", BlessContents::clientDown(), program},
-        {paths.units + "/com.corvale.macos.helper.service", BlessContents::unit(), data},
-        {paths.units + "/corvale-restore.service", BlessContents::restoringUnit(), data},
-        {paths.units + "/sysinit.target.d/corvale.conf", BlessContents::restoringAtBoot(), data},
-        {paths.busPolicies + "/com.corvale.macos.helper.conf", BlessContents::busPolicy(), data},
+        {paths.programs + "/client.up", carried("client.up"), program},
+        {paths.programs + "/client.down", carried("client.down"), program},
+        {paths.units + "/com.corvale.macos.helper.service", carried("systemd.service"), data},
+        {paths.units + "/corvale-restore.service", carried("corvale-restore.service"), data},
+        {paths.units + "/sysinit.target.d/corvale.conf", carried("sysinit.target.conf"), data},
+        {paths.busPolicies + "/com.corvale.macos.helper.conf", carried("bus-policy.conf"), data},
     };
 }
 
-Placed activation(const BlessPaths &paths)
+Target activation(const TargetPaths &paths)
 {
-    return {paths.busServices + "/com.corvale.macos.helper.service", BlessContents::busService(), data};
+    return {paths.busServices + "/com.corvale.macos.helper.service", carried("bus.service"), data};
 }
 
-/// For a status: says on standard error what went wrong, if anything did.
-int report(const std::vector<QByteArray> &errors)
+/// Says on standard error what went wrong. Returns the exit status.
+int report(const std::vector<Result<void>> &results)
 {
     int status = done;
-    for (const QByteArray &error : errors) {
-        if (error.isEmpty())
+    for (const auto &result : results) {
+        if (result)
             continue;
-        (void)std::fprintf(stderr, "%s\n", error.constData());
+        (void)std::fprintf(stderr, "%s\n", result.error().detail.constData());
         status = failed;
     }
     return status;
 }
 
-/// Whom pkexec works for, else root. Nothing for a number that is none.
+/// The user that pkexec works for, else root. Returns nothing when the variable is not a number.
 std::optional<uid_t> callerInEnvironment()
 {
     const char *const given = std::getenv("PKEXEC_UID");
@@ -79,18 +87,19 @@ std::optional<uid_t> callerInEnvironment()
     return isNumber ? std::optional<uid_t>(uid) : std::nullopt;
 }
 
-/// Whatever hangs, a file system, a bus, whoever reads the complaints, the others wait for the lock. To be killed at
-/// any point is safe.
+/// Something may hang: a file system, the bus, the reader of standard error. Other runs wait for the lock meanwhile,
+/// so this one is killed then, which is safe at any point.
 void limitTime()
 {
     const itimerval never{};
     ::setitimer(ITIMER_VIRTUAL, &never, nullptr);
     ::setitimer(ITIMER_PROF, &never, nullptr);
     (void)::signal(SIGALRM, SIG_DFL);
-    ::alarm(longest);
+    ::alarm(timeout);
 }
 
-/// The caller's limits would have the libraries fail in places where nobody expects it. What cannot be lifted stays.
+/// Under the caller's limits, libraries would fail in places where nobody expects it. A limit that cannot be lifted
+/// stays.
 void liftLimits()
 {
     for (const auto which : {RLIMIT_AS, RLIMIT_DATA, RLIMIT_FSIZE, RLIMIT_CPU, RLIMIT_STACK}) {
@@ -103,10 +112,10 @@ void liftLimits()
     ::setrlimit(RLIMIT_CORE, &noCore);
 }
 
-/// Leaves nothing of what the caller gave this process but its arguments and standard error.
+/// Drops everything that the caller gave this process, except its arguments and standard error.
 bool startAfresh()
 {
-    // A file opened for writing must never take the place of a closed standard error.
+    // A file that is opened later must never become standard error, if that was closed.
     int descriptor = -1;
     do
         descriptor = ::open("/dev/null", O_RDWR);
@@ -123,96 +132,97 @@ bool startAfresh()
            ::setenv("LC_ALL", "C.UTF-8", 1) == 0 && ::chdir("/") == 0;
 }
 
-/// Held until the process ends. Root's alone: a file that others could open they could lock.
-Descriptor takeLock(const BlessPaths &paths)
+/// Blocks until no other tool works; held until the process ends. Only root may open the file, since whoever can open
+/// it can lock it.
+Result<Descriptor> takeLock(const TargetPaths &paths)
 {
     Descriptor lock(::open(paths.lock.constData(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR));
-    return lock && ::flock(lock.get(), LOCK_EX) == 0 ? std::move(lock) : Descriptor();
+    if (!lock || ::flock(lock.get(), LOCK_EX) != 0)
+        return systemFailure(errno, paths.lock);
+    return lock;
 }
 
-/// In an order that has the bus start a whole helper at every moment, the old one or the new one, with what it needs.
-QByteArray placeAll(const BlessPaths &paths, const QByteArray &helper)
+/// In an order such that the bus can start a whole helper, old or new, with what it needs, at every moment.
+Result<void> placeAll(const TargetPaths &paths, const QByteArray &helper)
 {
-    std::vector<Placed> all = companions(paths);
+    std::vector<Target> all = companions(paths);
     all.push_back({paths.helper(), helper, program});
     all.push_back(activation(paths));
-    for (const Placed &file : all)
-        if (QByteArray error = BlessFiles::place(file.path, file.bytes, file.mode); !error.isEmpty())
-            return error;
+    for (const Target &file : all) {
+        QDir().mkpath(QFile::decodeName(file.path.left(file.path.lastIndexOf('/'))));
+        if (auto placed = PlacedFile::write(file.path, file.bytes, file.mode); !placed)
+            return placed;
+    }
     return {};
 }
 
-bool systemdRuns(const BlessPaths &paths)
+bool systemdRuns(const TargetPaths &paths)
 {
     return ::access(paths.systemd.constData(), F_OK) == 0;
 }
 
-int install(const BlessPaths &paths, const QByteArray &source, uid_t caller)
+int install(const TargetPaths &paths, const QByteArray &helper)
 {
-    const auto read = BlessSource::read(source, caller);
-    if (const auto *refusal = std::get_if<BlessSource::Refusal>(&read))
-        return report({refusal->reason});
-    const auto &helper = std::get<QByteArray>(read);
-    if (const QByteArray flaw = BlessSource::flaw(helper); !flaw.isEmpty())
-        return report({flaw});
-    const Descriptor lock = takeLock(paths);
-    if (!lock)
-        return report({paths.lock + ": cannot be locked."});
-    if (const QByteArray error = placeAll(paths, helper); !error.isEmpty())
-        return report({error});
-    BlessBus bus(paths.busAddress);
-    return report({bus.reload(systemdRuns(paths)), bus.stopHelper(paths.helper())});
+    if (const auto placed = placeAll(paths, helper); !placed)
+        return report({placed});
+    SystemServices services(paths.busAddress);
+    return report({services.reload(systemdRuns(paths)), services.stopHelper(paths.helper())});
 }
 
-int stop(const BlessPaths &paths)
+/// Only a helper takes back what was left by one that was killed, or by a machine that ended with the tunnel up. So one
+/// more has to start when something was left.
+Result<void> restore(const TargetPaths &paths, SystemServices &services)
 {
-    const Descriptor lock = takeLock(paths);
-    if (!lock)
-        return report({paths.lock + ": cannot be locked."});
-    return report({BlessBus(paths.busAddress).stopHelper(paths.helper())});
-}
-
-/// What was left by a helper that was killed, or by a machine that ended with the tunnel up, only the next one takes
-/// back, so there has to be one more.
-QByteArray cleanUp(const BlessPaths &paths, BlessBus &bus)
-{
-    QByteArray error = bus.stopHelper(paths.helper());
+    auto stopped = services.stopHelper(paths.helper());
     const bool left =
         !QDir(QFile::decodeName(paths.runFolder)).isEmpty() || QFile::exists(QFile::decodeName(paths.keptResolver));
-    if (error.isEmpty() && left)
-        error = bus.startHelper();
-    return error;
+    return stopped && left ? services.startHelper() : stopped;
 }
 
-int remove(const BlessPaths &paths)
+int remove(const TargetPaths &paths)
 {
-    const Descriptor lock = takeLock(paths);
-    if (!lock)
-        return report({paths.lock + ": cannot be locked."});
-    BlessBus bus(paths.busAddress);
-    // Nothing starts it any more, then it ends with the help of its script, and only then the rest may go: without them
-    // name servers and routes of a tunnel could not be restored.
-    std::vector<QByteArray> errors{cleanUp(paths, bus), BlessFiles::remove(activation(paths).path), bus.reload(false),
-                                   bus.stopHelper(paths.helper())};
-    if (const int status = report(errors); status != done)
+    SystemServices services(paths.busAddress);
+    // First nothing may start the helper any more, then it ends with the help of its script. Only then the rest may go:
+    // name servers and routes of a tunnel cannot be restored without it.
+    if (const int status = report({restore(paths, services), PlacedFile::remove(activation(paths).path),
+                                   services.reload(false), services.stopHelper(paths.helper())});
+        status != done)
         return status;
-    errors = {BlessFiles::remove(paths.helper())};
-    for (const Placed &file : companions(paths))
-        errors.push_back(BlessFiles::remove(file.path));
-    QDir().rmdir(QFile::decodeName(paths.units + "/sysinit.target.d")); // when nobody else has something there
-    errors.push_back(bus.reload(systemdRuns(paths)));
-    return report(errors);
+    std::vector<Result<void>> results{PlacedFile::remove(paths.helper())};
+    for (const Target &file : companions(paths))
+        results.push_back(PlacedFile::remove(file.path));
+    QDir().rmdir(QFile::decodeName(paths.units + "/sysinit.target.d")); // stays while it holds another file
+    results.push_back(services.reload(systemdRuns(paths)));
+    return report(results);
+}
+
+/// Reads the helper before it waits for the lock, so that a wrong one is refused at once.
+int run(const TargetPaths &paths, const QByteArray &argument, uid_t caller)
+{
+    const bool installs = argument.startsWith('/');
+    const auto helper = installs ? HelperSource::read(argument, caller) : QByteArray();
+    if (!helper)
+        return report({tl::make_unexpected(helper.error())});
+    const auto lock = takeLock(paths);
+    if (!lock)
+        return report({tl::make_unexpected(lock.error())});
+    if (installs)
+        return install(paths, *helper);
+    if (argument == "--remove")
+        return remove(paths);
+    return report({SystemServices(paths.busAddress).stopHelper(paths.helper())});
 }
 
 } // namespace
 
-int blessMain(int argc, char *argv[], const BlessPaths &paths)
+int blessMain(int argc, char *argv[], const TargetPaths &paths)
 {
     const auto caller = callerInEnvironment();
     const QByteArray argument = argc == 2 ? argv[1] : "";
     if (!startAfresh())
-        return report({"The tool cannot rid itself of what it was started with."});
-    // Whom pkexec lets in has agreed to an installation, and to nothing else.
+        return report({failure("The tool cannot drop what its caller gave it.")});
+    Q_INIT_RESOURCE(carried_files);
+    // A person who typed a password for pkexec has agreed to an installation and to nothing else.
     const bool isRoots = argument == "--remove" || argument == "--stop";
     if (!caller || (isRoots ? *caller != 0 : !argument.startsWith('/'))) {
         (void)std::fputs("usage: bless /PATH/OF/THE/HELPER | --remove | --stop\n", stderr);
@@ -220,7 +230,5 @@ int blessMain(int argc, char *argv[], const BlessPaths &paths)
     }
     int words = 1;
     const QCoreApplication application(words, argv); // the bus needs it
-    if (argument == "--remove")
-        return remove(paths);
-    return argument == "--stop" ? stop(paths) : install(paths, argument, *caller);
+    return run(paths, argument, *caller);
 }

@@ -21,15 +21,13 @@ extern const ElfW(Ehdr) ownHeader asm("__ehdr_start");
 
 namespace {
 
-using BlessSource::Refusal;
-
-constexpr qsizetype largestHelper = 64LL * 1024 * 1024;
+constexpr qsizetype maxHelper = 64LL * 1024 * 1024;
 constexpr mode_t othersWrite = S_IWGRP | S_IWOTH;
 
+/// All zero after a failure: of no type, so that nobody takes it for a folder or a file.
 struct stat statusOf(const Descriptor &file)
 {
     struct stat status {};
-    // All zero after a failure: of no type, which nobody takes for a folder or a file.
     (void)::fstat(file.get(), &status);
     return status;
 }
@@ -39,54 +37,54 @@ bool isTheirs(const struct stat &status, uid_t caller)
     return status.st_uid == 0 || status.st_uid == caller;
 }
 
-/// A file system that a user's program makes can call anybody the owner of anything.
-bool saysWhatItsOwnerLikes(const Descriptor &file)
+/// Whether a user's program makes the file system: it can name anybody as the owner of anything.
+bool isMadeByUser(const Descriptor &file)
 {
     struct statfs system {};
     return ::fstatfs(file.get(), &system) != 0 || system.f_type == FUSE_SUPER_MAGIC;
 }
 
-/// Whether the entries of the folder are such as root or the caller put there. In a sticky one each is its owner's to
-/// move; the owner of the entry itself is looked at when its turn comes.
+/// Whether only root or the caller could have put the next entry there. In a sticky folder only its owner can move an
+/// entry, and the owner of that entry is checked when its turn comes.
 bool isSafeFolder(const struct stat &status, uid_t caller)
 {
     return S_ISDIR(status.st_mode) && isTheirs(status, caller) &&
            ((status.st_mode & othersWrite) == 0 || (status.st_mode & S_ISVTX) != 0);
 }
 
-/// Goes down the path entry by entry, each from the folder opened before, so that no entry is looked up twice.
-std::variant<Descriptor, Refusal> walk(const QByteArray &path, uid_t caller)
+/// Opens the path entry by entry, each from the folder opened before, so that no entry is looked up twice.
+Result<Descriptor> walk(const QByteArray &path, uid_t caller)
 {
     if (!path.startsWith('/') || path.contains('\0'))
-        return Refusal{"The helper's path is not an absolute one."};
+        return failure("The helper's path is not an absolute one.");
     Descriptor at(::open("/", O_PATH | O_DIRECTORY | O_CLOEXEC));
     for (const QByteArray &entry : path.mid(1).split('/')) {
-        if (saysWhatItsOwnerLikes(at))
-            return Refusal{"The helper lies in a file system that a user makes."};
+        if (isMadeByUser(at))
+            return failure("The helper lies in a file system that a user makes.");
         if (entry.isEmpty() || entry == "." || entry == "..")
-            return Refusal{"The helper's path takes turns."};
+            return failure("The helper's path takes turns.");
         if (!isSafeFolder(statusOf(at), caller))
-            return Refusal{"The helper lies in a folder that is not yours alone."};
-        // A link is opened as what it is, and then is neither folder nor file.
+            return failure("The helper lies in a folder that is not yours alone.");
+        // A link is opened itself, not followed, and then is neither a folder nor a file.
         at = Descriptor(::openat(at.get(), entry.constData(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
         if (!at)
-            return Refusal{QByteArray("The helper cannot be opened: ") + std::strerror(errno) + '.'};
+            return systemFailure(errno, "The helper cannot be opened");
     }
-    if (saysWhatItsOwnerLikes(at))
-        return Refusal{"The helper lies in a file system that a user makes."};
+    if (isMadeByUser(at))
+        return failure("The helper lies in a file system that a user makes.");
     return at;
 }
 
-QByteArray flawOfFile(const struct stat &status, uid_t caller)
+Result<void> checkFile(const struct stat &status, uid_t caller)
 {
     if (!S_ISREG(status.st_mode))
-        return "The helper is not a regular file.";
+        return failure("The helper is not a regular file.");
     if (!isTheirs(status, caller))
-        return "The helper is somebody else's file.";
+        return failure("The helper is somebody else's file.");
     if ((status.st_mode & othersWrite) != 0)
-        return "Others can write to the helper.";
+        return failure("Others can write to the helper.");
     if (status.st_nlink != 1 && status.st_uid != 0) // some systems link equal files of root's to each other
-        return "The helper's file has further names.";
+        return failure("The helper's file has further names.");
     return {};
 }
 
@@ -95,40 +93,41 @@ bool isSame(const timespec &one, const timespec &other)
     return one.tv_sec == other.tv_sec && one.tv_nsec == other.tv_nsec;
 }
 
-} // namespace
-
-std::variant<QByteArray, Refusal> BlessSource::read(const QByteArray &path, uid_t caller)
-{
-    const auto walked = walk(path, caller);
-    if (const auto *refusal = std::get_if<Refusal>(&walked))
-        return *refusal;
-    const auto &found = std::get<Descriptor>(walked);
-    const struct stat before = statusOf(found);
-    if (const QByteArray flaw = flawOfFile(before, caller); !flaw.isEmpty())
-        return Refusal{flaw};
-    // Only now is it opened for what it holds, and by no name that could mean another file.
-    const QByteArray itself = "/proc/self/fd/" + QByteArray::number(found.get());
-    const Descriptor file(::open(itself.constData(), O_RDONLY | O_CLOEXEC));
-    const auto bytes = wholeFile(file.get(), largestHelper);
-    if (!bytes)
-        return Refusal{"The helper cannot be read, or is empty or too large."};
-    if (const struct stat after = statusOf(file); !isSame(before.st_ctim, after.st_ctim))
-        return Refusal{"The helper changed while it was read."};
-    return *bytes;
-}
-
-QByteArray BlessSource::flaw(const QByteArray &helper)
+/// Whether the bytes are a helper for this machine, with our identifier and a version.
+Result<void> checkHelper(const QByteArray &helper)
 {
     ElfW(Ehdr) header{};
     std::memcpy(&header, helper.constData(), std::min(sizeof header, static_cast<size_t>(helper.size())));
     // Up to the version: width and byte order.
     if (std::memcmp(header.e_ident, ownHeader.e_ident, EI_OSABI) != 0 || header.e_machine != ownHeader.e_machine ||
         (header.e_type != ET_DYN && header.e_type != ET_EXEC))
-        return "The file is not a program for this machine.";
-    const auto identifier = InfoDictionary::text(helper, "CFBundleIdentifier");
-    if (identifier != QLatin1String(HelperNames::service))
-        return "The file is not this product's helper.";
+        return failure("The file is not a program for this machine.");
+    if (InfoDictionary::text(helper, "CFBundleIdentifier") != QLatin1String(HelperNames::service))
+        return failure("The file is not this product's helper.");
     if (InfoDictionary::text(helper, "CFBundleVersion").value_or(QString()).isEmpty())
-        return "The helper has no version.";
+        return failure("The helper has no version.");
     return {};
+}
+
+} // namespace
+
+Result<QByteArray> HelperSource::read(const QByteArray &path, uid_t caller)
+{
+    const auto found = walk(path, caller);
+    if (!found)
+        return tl::make_unexpected(found.error());
+    const struct stat before = statusOf(*found);
+    if (const auto checked = checkFile(before, caller); !checked)
+        return tl::make_unexpected(checked.error());
+    // It is opened for reading only now, and not by a name that could mean another file.
+    const QByteArray itself = "/proc/self/fd/" + QByteArray::number(found->get());
+    const Descriptor file(::open(itself.constData(), O_RDONLY | O_CLOEXEC));
+    auto bytes = wholeFile(file.get(), maxHelper);
+    if (!bytes)
+        return failure("The helper cannot be read, or is empty or too large.");
+    if (const struct stat after = statusOf(file); !isSame(before.st_ctim, after.st_ctim))
+        return failure("The helper changed while it was read.");
+    if (const auto checked = checkHelper(*bytes); !checked)
+        return tl::make_unexpected(checked.error());
+    return *std::move(bytes);
 }

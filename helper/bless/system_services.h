@@ -1,35 +1,36 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include <QByteArray>
+#include "result.h"
+
 #include <QDBusConnection>
 #include <QVariant>
 
-/// What the bless tool has to say on the system bus. Blocks, seconds for each question.
-class BlessBus {
+/// What the bless tool asks of the system bus, of systemd and of the running helper. Each operation blocks, for at most
+/// 30 s a question. Where no bus runs there is nothing to do, and each succeeds; a bus that runs and cannot be reached
+/// is a failure.
+class SystemServices {
 public:
-    explicit BlessBus(const QByteArray &address);
-    ~BlessBus();
-    BlessBus(const BlessBus &) = delete;
-    BlessBus &operator=(const BlessBus &) = delete;
+    explicit SystemServices(const QByteArray &busAddress);
+    ~SystemServices();
+    SystemServices(const SystemServices &) = delete;
+    SystemServices &operator=(const SystemServices &) = delete;
 
-    /// Has the bus, and systemd if it runs, read their configuration again. Nothing when done, or when no bus runs
-    /// that could have read the old one; else why not. A bus that runs and cannot be reached is an error here and
-    /// below.
-    QByteArray reload(bool systemdRuns);
+    /// Has the bus read its configuration again, and systemd if it runs.
+    Result<void> reload(bool systemdRuns);
 
-    /// Ends the helper that runs, if one does, and its tunnel with it, and returns once its name is free. It must be
-    /// root's process of the file `program`, this one or one that was there before. Nothing when done, else why not.
-    QByteArray stopHelper(const QByteArray &program);
+    /// Ends the running helper and its tunnel, if there is one, and returns once its name is free: within about 50 s.
+    /// Fails when the name's owner is not a process of root's that runs `program`, or a file that `program` replaced.
+    Result<void> stopHelper(const QByteArray &program);
 
-    /// Has the bus start the helper, and returns once it has cleaned up after one that died. As above.
-    QByteArray startHelper();
+    /// Has the bus start the helper. Returns once it has restored what a helper that died has left.
+    Result<void> startHelper();
 
 private:
-    QVariant ask(const QString &member, const QString &argument);
-    QByteArray command(const QString &service, const QString &path, const QString &interface, const QString &member);
-    bool stop(int process, const QString &owner);
-    [[nodiscard]] QByteArray obstacle() const;
+    [[nodiscard]] Result<void> withoutBus() const;
+    QVariant askBus(const QString &member, const QString &argument);
+    Result<void> call(const QString &service, const QString &path, const QString &interface, const QString &member);
+    bool end(int process, const QString &owner);
 
     QDBusConnection bus_;
 };

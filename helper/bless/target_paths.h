@@ -3,14 +3,14 @@
 
 #include <QByteArray>
 
-/// Where the bless tool puts things, and whom it tells. Fixed by the program's main function, and never by anything
-/// outside it.
-struct BlessPaths {
-    QByteArray programs;    ///< the helper's folder, and the scripts'
-    QByteArray busPolicies; ///< folders of the system bus …
-    QByteArray busServices;
-    QByteArray units;        ///< … and of systemd
-    QByteArray systemd;      ///< a folder that is there while systemd runs the machine
+/// Where the bless tool puts things, and which bus it speaks to. Fixed by the program's main function; nothing that a
+/// caller controls may change it.
+struct TargetPaths {
+    QByteArray programs;     ///< folder of the helper and the scripts
+    QByteArray busPolicies;  ///< folder of the system bus
+    QByteArray busServices;  ///< folder of the system bus
+    QByteArray units;        ///< folder of systemd
+    QByteArray systemd;      ///< a folder that exists while systemd runs the machine
     QByteArray busAddress;   ///< the system bus
     QByteArray runFolder;    ///< the helper's
     QByteArray keptResolver; ///< as in HelperPaths

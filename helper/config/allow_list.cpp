@@ -8,8 +8,6 @@
 #include <algorithm>
 #include <iterator>
 
-using ConfigRules::Verdict;
-
 namespace {
 
 /// A directive with several rows may follow any of them.
@@ -130,9 +128,8 @@ constexpr Rule rules[] = {
     {"setenv", "$uv [$text]"},
 };
 
-// Of no use on this system, or the helper's own to decide. Without `auth-nocache` dropped, OpenVPN would ask for the
-// password again at every renegotiation, and nobody would answer.
-constexpr QByteArrayView unwanted[] = {
+// With `auth-nocache` OpenVPN would ask for the password again at every renegotiation, and nobody would answer.
+constexpr QByteArrayView dropped[] = {
     "auth-nocache",
     "block-outside-dns",
     "fast-io",
@@ -156,19 +153,22 @@ constexpr QByteArrayView unwanted[] = {
 
 } // namespace
 
-Verdict ConfigRules::judge(const QByteArray &name, const QList<QByteArray> &values, Place place)
+bool ConfigRules::isDropped(const QByteArray &name)
 {
-    if (std::ranges::find(unwanted, QByteArrayView(name)) != std::end(unwanted))
-        return Verdict::Dropped;
-    Verdict verdict = Verdict::NotAllowed;
+    return std::ranges::find(dropped, QByteArrayView(name)) != std::end(dropped);
+}
+
+Result<void> ConfigRules::check(const QByteArray &name, const QList<QByteArray> &values, Scope scope)
+{
+    const char *cause = "has a directive that is not allowed";
     for (const Rule &rule : rules) {
         if (name != rule.name)
             continue;
-        if (place == Place::Connection && !rule.inConnection)
-            return Verdict::NotInConnection;
+        if (scope == Scope::Connection && !rule.inConnection)
+            return failure("has a directive that may not stand in a connection block", ErrorCode::ConfigRejected);
         if (ConfigValues::follow(values, rule.values))
-            return Verdict::Allowed;
-        verdict = Verdict::BadValue;
+            return {};
+        cause = "gives a directive a value that is not allowed";
     }
-    return verdict;
+    return failure(cause, ErrorCode::ConfigRejected);
 }

@@ -1,68 +1,27 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include <QByteArray>
-#include <QList>
+#include "configuration.h"
+#include "result.h"
 
-#include <variant>
-
-/// What OpenVPN, run as root, is allowed to be told. Pure functions: bytes in, values out, no I/O.
+/// Reads what OpenVPN, run as root, is going to be told. Any thread; no I/O; linear in the size, which the caller
+/// limits. A refusal is `ErrorCode::ConfigRejected`: its one sentence names the cause, the line and the directive, at
+/// most 32 letters of it, and repeats nothing else of the file.
 ///
 /// The reader sees exactly the words that OpenVPN 2.6 would see, or refuses. The rules, and where OpenVPN has them:
-///  - A line is read into 257 bytes (options.c, read_config_file()), a line of an inline body or of a connection block
-///    into 256 (read_inline_file(), read_config_string()), and the rest of a longer one becomes a line of its own. So
-///    no line here has more than 254 bytes, in any place.
-///  - fgets() keeps a NUL, every later function stops at it: what follows would be hidden. No control bytes, then,
-///    comments included; a tab is a space, and a CR may stand before its LF.
-///  - Words (parse_line()): a closing quote ends the word although no space follows; inside an unquoted word quotes are
-///    ordinary; '#' and ';' begin a comment only where a word could begin; beyond 16 words the rest is silently
-///    dropped, here it is refused. Backslashes and bytes beyond ASCII are refused outside comments.
-///  - One leading "--" is dropped (bypass_doubledash()), before a lone "<name>" begins an inline body
-///    (check_inline_file()), before "setenv opt X" becomes X (add_option()), each of them once.
-///  - A body ends at a line that begins with its closing tag, whatever follows; here nothing may. A connection block is
-///    collected first and cut into lines later, so a block inside one is refused.
-///  - Several directives act while they are read (`log` truncates its file, `cd`, `providers` and `plugin` load code
-///    even where no script may run), so nothing is left for OpenVPN's own checks: what is not listed is refused.
-struct Directive {
-    QByteArray name;
-    QList<QByteArray> values;
-    int line = 0;           ///< in the file, from 1; no part of the comparison
-    QByteArray body;        ///< of an inline block: armour alone, re-wrapped, lines end in LF; empty otherwise
-    QList<Directive> inner; ///< of a `connection` block
-
-    bool operator==(const Directive &other) const;
-};
-
-struct Configuration {
-    QList<Directive> directives; ///< in the file's order, which carries meaning
-    QList<Directive> dropped;    ///< known, without use or unwanted here: left out of `directives`; name and line only
-};
-
-enum class Reason {
-    LineTooLong,
-    ControlByte,
-    NotAscii,
-    Backslash,
-    UnclosedQuote,
-    TooManyWords,
-    NotAllowed, ///< a directive that is not listed
-    BadValue,
-    NotInConnection,
-    UnknownBlock,
-    NestedBlock,
-    UnclosedBlock,
-    BadBody, ///< an inline body that is not what belongs there
-};
-
-struct Refusal {
-    Reason reason;
-    QByteArray detail; ///< the directive's name, 32 letters at most, or empty; nothing else of the file
-    int line;          ///< from 1
-};
-
-/// What OpenVPN would read from these bytes, or the first thing in them that it must not. Any thread, re-entrant,
-/// linear in the size; the caller limits that.
-std::variant<Configuration, Refusal> readConfiguration(const QByteArray &bytes);
-
-/// One English sentence for the refusal: cause, directive and line, no file contents.
-QByteArray sentence(const Refusal &refusal);
+///  - OpenVPN reads a line into 257 bytes (options.c, read_config_file()), and a line of an inline body or a connection
+///    block into 256 (read_inline_file(), read_config_string()). The rest of a longer line becomes a line of its own.
+///    So no line may have more than 254 bytes here.
+///  - fgets() keeps a NUL, and every later function stops at it: the rest would be hidden. So control bytes are
+///    refused, in comments too. A tab counts as a space, and a CR may stand before its LF.
+///  - Words (parse_line()): a closing quote ends the word although no space follows. Quotes inside an unquoted word are
+///    ordinary. '#' and ';' begin a comment only where a word could begin. OpenVPN silently drops what follows the
+///    16th word; the reader refuses it. Backslashes and bytes beyond ASCII are refused outside comments.
+///  - One leading "--" is dropped (bypass_doubledash()), then a lone "<name>" begins an inline body
+///    (check_inline_file()), then "setenv opt X" becomes X (add_option()), each of them once.
+///  - A body ends at a line that begins with its closing tag, whatever follows; the reader lets nothing follow.
+///    OpenVPN collects a connection block first and cuts it into lines later, so a block inside one is refused.
+///  - Several directives act while they are read: `log` truncates its file, `cd` changes the folder, `providers` and
+///    `plugin` load code even where no script may run. So the reader refuses whatever is not listed, and leaves
+///    nothing to OpenVPN's own checks.
+Result<Configuration> readConfiguration(const QByteArray &bytes);

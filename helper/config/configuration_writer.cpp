@@ -3,8 +3,8 @@
 
 namespace {
 
-// Inside an unquoted word OpenVPN takes every character but a space for itself, so quotes are for spaces and for what
-// would begin something else. A line that had to quote the same words is then never made longer.
+// Inside an unquoted word every character but a space stands for itself, so quotes are needed only for spaces and for a
+// first character that would begin something else. This never makes a line longer than it was in the file.
 bool needsQuotes(const QByteArray &value)
 {
     return value.isEmpty() || value.contains(' ') || value.contains('\t') ||

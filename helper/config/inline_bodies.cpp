@@ -18,7 +18,7 @@ enum class Content { Base64, StaticKey, Skipped };
 struct Armour {
     QByteArrayView block;
     QByteArrayView label;
-    qsizetype most; ///< how many may stand in one body; at least one must
+    qsizetype maxCount; ///< in one body; at least one is needed
     Content content;
 };
 
@@ -74,7 +74,7 @@ QByteArray wrapped(const QByteArray &content, qsizetype width)
 class ArmourReader {
 public:
     explicit ArmourReader(QByteArray block) : block_(std::move(block)) {}
-    bool take(QByteArrayView line); ///< false: not what belongs here
+    bool take(QByteArrayView line); ///< false when the line does not belong here
     [[nodiscard]] bool isComplete() const { return !armour_ && count_ > 0; }
     QByteArray text;
 
@@ -97,7 +97,7 @@ bool ArmourReader::begin(QByteArrayView line)
     content_.clear();
     if (!armour_ || armour_->content == Content::Skipped)
         return armour_;
-    return ++count_ <= armour_->most;
+    return ++count_ <= armour_->maxCount;
 }
 
 bool ArmourReader::end(QByteArrayView line)
@@ -119,21 +119,30 @@ bool ArmourReader::take(QByteArrayView line)
         return armour_ ? end(line) : begin(line);
     if (armour_)
         content_ += line;
-    // Before and after armour certificate tools write what they please; a tag or a second dash line is no such text.
+    // Certificate tools write free text around the armour. A tag or dashes inside a line are never part of it.
     return armour_ || (!line.startsWith('<') && !line.contains(dashes));
 }
 
-std::optional<QByteArray> normalisedFingerprints(const QList<QByteArrayView> &lines)
+/// Empty when the body is not a list of fingerprints.
+QByteArray normalisedFingerprints(const QList<QByteArrayView> &lines)
 {
     QByteArray text;
     for (const QByteArrayView line : lines) {
         if (line.isEmpty() || line.startsWith('#') || line.startsWith(';'))
             continue;
         if (!ConfigValues::isFingerprint(line.toByteArray()))
-            return std::nullopt;
+            return {};
         text += line.toByteArray() + '\n';
     }
-    return text.isEmpty() ? std::nullopt : std::optional(text);
+    return text;
+}
+
+/// Empty when the body is not the armour that belongs into `block`.
+QByteArray normalisedArmour(const QByteArray &block, const QList<QByteArrayView> &lines)
+{
+    ArmourReader reader(block);
+    const bool belong = std::ranges::all_of(lines, [&](QByteArrayView line) { return reader.take(line); });
+    return belong && reader.isComplete() ? reader.text : QByteArray();
 }
 
 } // namespace
@@ -144,13 +153,10 @@ bool ConfigBodies::isKnown(const QByteArray &block)
            std::ranges::any_of(armours, [&](const Armour &armour) { return armour.block == block; });
 }
 
-std::optional<QByteArray> ConfigBodies::normalised(const QByteArray &block, const QList<QByteArrayView> &lines)
+Result<QByteArray> ConfigBodies::normalised(const QByteArray &block, const QList<QByteArrayView> &lines)
 {
-    if (block == fingerprintBlock)
-        return normalisedFingerprints(lines);
-    ArmourReader reader(block);
-    for (const QByteArrayView line : lines)
-        if (!reader.take(line))
-            return std::nullopt;
-    return reader.isComplete() ? std::optional(reader.text) : std::nullopt;
+    QByteArray body = block == fingerprintBlock ? normalisedFingerprints(lines) : normalisedArmour(block, lines);
+    if (body.isEmpty())
+        return failure(wrongContents, ErrorCode::ConfigRejected);
+    return body;
 }

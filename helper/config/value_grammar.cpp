@@ -27,20 +27,20 @@ bool isLetterOrDigit(char c)
     return isDigit(c) || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
 }
 
-/// 1 to `most` letters, digits and bytes of `others`.
-bool isMadeOf(const QByteArray &value, QByteArrayView others, qsizetype most)
+/// Whether `value` has 1 to `maxSize` bytes, each a letter, a digit or one of `others`.
+bool isMadeOf(const QByteArray &value, QByteArrayView others, qsizetype maxSize)
 {
-    return !value.isEmpty() && value.size() <= most &&
+    return !value.isEmpty() && value.size() <= maxSize &&
            std::ranges::all_of(value, [others](char c) { return isLetterOrDigit(c) || others.contains(c); });
 }
 
-bool isInRange(const QByteArray &value, qint64 least, qint64 most)
+bool isInRange(const QByteArray &value, qint64 min, qint64 max)
 {
     constexpr qsizetype maxDigits = 10;
     if (value.isEmpty() || value.size() > maxDigits || !std::ranges::all_of(value, isDigit))
         return false;
     const qint64 number = value.toLongLong();
-    return number >= least && number <= most;
+    return number >= min && number <= max;
 }
 
 bool isAddress(const QByteArray &value, int family)

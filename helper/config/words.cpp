@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "words.h"
 
+#include <algorithm>
+
 namespace {
 
 enum class State { BetweenWords, InWord, InQuotes };
@@ -21,7 +23,7 @@ bool isAscii(char c)
     return static_cast<unsigned char>(c) < 0x80;
 }
 
-/// The bytes before a comment, cut into words. Sees each byte of the line once, in OpenVPN's own three states.
+/// Cuts the bytes before a comment into words. Takes each byte of the line once, in the same three states as OpenVPN.
 class Cutter {
 public:
     bool take(char c); ///< false at a comment
@@ -79,34 +81,33 @@ bool Cutter::take(char c)
 
 } // namespace
 
-std::variant<std::monostate, Reason> ConfigWords::checkLine(QByteArrayView line)
+Result<void> ConfigWords::checkLine(QByteArrayView line)
 {
     if (line.size() > maxLine)
-        return Reason::LineTooLong;
+        return failure("is longer than 254 bytes", ErrorCode::ConfigRejected);
     if (line.endsWith('\r'))
         line.chop(1);
-    for (const char c : line)
-        if (isControl(c))
-            return Reason::ControlByte;
+    if (std::ranges::any_of(line, isControl))
+        return failure("holds a control byte", ErrorCode::ConfigRejected);
     return {};
 }
 
-std::variant<QList<QByteArray>, Reason> ConfigWords::cut(QByteArrayView line)
+Result<QList<QByteArray>> ConfigWords::cut(QByteArrayView line)
 {
     Cutter cutter;
     for (const char c : line) {
         if (!cutter.take(c))
             break;
         if (c == '\\')
-            return Reason::Backslash;
+            return failure("holds a backslash", ErrorCode::ConfigRejected);
         if (!isAscii(c))
-            return Reason::NotAscii;
+            return failure("holds a byte that is not ASCII", ErrorCode::ConfigRejected);
     }
     if (cutter.state == State::InQuotes)
-        return Reason::UnclosedQuote;
+        return failure("has a quote that does not end", ErrorCode::ConfigRejected);
     if (cutter.state == State::InWord)
         cutter.endWord();
     if (cutter.words.size() > maxWords)
-        return Reason::TooManyWords;
+        return failure("has more than 16 words", ErrorCode::ConfigRejected);
     return cutter.words;
 }

@@ -3,7 +3,7 @@
 
 #include "descriptor.h"
 #include "pidfd.h"
-#include "root_file.h"
+#include "placed_file.h"
 
 #include <QFile>
 #include <QList>
@@ -31,7 +31,7 @@ QByteArray startTime(pid_t pid)
 
 bool ProcessRecord::write(const QByteArray &path, pid_t pid)
 {
-    return RootFile::write(path, QByteArray::number(pid) + ' ' + startTime(pid));
+    return PlacedFile::write(path, QByteArray::number(pid) + ' ' + startTime(pid), 0600).has_value();
 }
 
 void ProcessRecord::killLeftover(const QByteArray &path)

@@ -58,15 +58,14 @@ std::variant<QByteArray, HelperError> judged(const std::vector<CallerFiles::File
     if (const auto *unreadable = std::get_if<CallerFiles::Unreadable>(&files[0]))
         return HelperError{Kind::ConfigUnsafe, "The configuration file " + unreadable->why};
     const auto configuration = readConfiguration(std::get<QByteArray>(files[0]));
-    if (const auto *refusal = std::get_if<Refusal>(&configuration))
-        return HelperError{Kind::ConfigRejected, sentence(*refusal)};
+    if (!configuration)
+        return HelperError{Kind::ConfigRejected, configuration.error().detail};
     if (auto refused = judgeScript(files[1], paths.clientUp))
         return *std::move(refused);
     if (auto refused = judgeScript(files[2], paths.clientDown))
         return *std::move(refused);
-    const auto &accepted = std::get<Configuration>(configuration);
-    logDropped(accepted.dropped);
-    return canonicalConfiguration(accepted.directives);
+    logDropped(configuration->dropped);
+    return canonicalConfiguration(configuration->directives);
 }
 
 } // namespace

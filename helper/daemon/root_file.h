@@ -10,7 +10,4 @@ namespace RootFile {
 /// that mode.
 bool makeFolder(const QByteArray &path);
 
-/// Puts a file with these bytes and mode 0600 in the place of `path`, whole or not at all.
-bool write(const QByteArray &path, const QByteArray &bytes);
-
 } // namespace RootFile

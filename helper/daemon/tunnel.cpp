@@ -2,6 +2,7 @@
 #include "tunnel.h"
 
 #include "openvpn_command.h"
+#include "placed_file.h"
 #include "process_record.h"
 #include "root_file.h"
 
@@ -58,7 +59,7 @@ void Tunnel::run(uid_t uid, const QByteArray &configuration, Answer answer)
         answer(HelperError{HelperError::Kind::PortBusy, "Another program uses port 1337 on 127.0.0.1."});
         return;
     }
-    if (!RootFile::makeFolder(paths_.runFolder) || !RootFile::write(paths_.configuration(), configuration)) {
+    if (!RootFile::makeFolder(paths_.runFolder) || !PlacedFile::write(paths_.configuration(), configuration, 0600)) {
         answer(internal("The configuration cannot be stored."));
         return;
     }

@@ -186,9 +186,18 @@ TEST_F(HelperConnectionTest, theEndOfTheBusFailsEveryPendingMessageAndInvalidate
     script(connection, u"hold"_s);
     script(connection, u"hold"_s);
     askVersion(connection);
+    HelperConnection idle;
+    std::promise<void> invalidated;
+    idle.setInvalidationHandler([&] { invalidated.set_value(); });
+    idle.resume();
+    std::promise<void> answered;
+    idle.remoteObjectProxyWithErrorHandler(nullptr)->getVersionWithResponseHandler(
+        [&](const QString &) { answered.set_value(); });
+    answered.get_future().wait();
     ASSERT_TRUE(events->reach(1));
     bus.kill();
     ASSERT_TRUE(events->reach(4));
+    EXPECT_EQ(invalidated.get_future().wait_for(20s), std::future_status::ready) << "of one that waits for nothing";
     askVersion(connection);
     ASSERT_TRUE(events->reach(5));
     EXPECT_THAT(events->all(), ElementsAre("version '1.0'", StartsWith("error "), StartsWith("error "), "invalidated",

@@ -102,7 +102,7 @@ TEST_F(HelperInstallationTest, theTwoVersionsAreComparedAsTexts)
     const Row rows[] = {
         {CORVALE_VERSION, element, bundle + "\nHelper: Installed Version => " + own + '\n', true},
         {CORVALE_VERSION, withBlank, bundle + " \nHelper: Installed Version => " + own + '\n', false},
-        {"9.0", element, bundle + "\nHelper: Installed Version => 9.0\n", false},
+        {CORVALE_VERSION "0", element, bundle + "\nHelper: Installed Version => " + own + "0\n", false},
         {"error", element, bundle + "\nIt is ill.\n", false},
         {nullptr, element, bundle + "\nThe name " + name.toUtf8() + " was not provided by any .service files\n", false},
     };

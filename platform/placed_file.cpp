@@ -1,41 +1,27 @@
 // SPDX-License-Identifier: MIT
-#include "placed_files.h"
+#include "placed_file.h"
 
 #include "descriptor.h"
 #include "write_all.h"
 
-#include <QDir>
-#include <QFile>
-
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
 
 namespace {
 
-/// Beside it, and with an ending that neither the bus nor systemd reads.
+/// In the same folder, so that it can be renamed. Its ending is one that neither the bus nor systemd reads.
 QByteArray freshName(const QByteArray &path)
 {
-    return path + ".bless";
+    return path + ".new";
 }
 
-QByteArray folderOf(const QByteArray &path)
-{
-    return path.left(path.lastIndexOf('/'));
-}
+// The following return 0 or an errno.
 
-/// 0 or an errno, as for the rest of these.
 int unlinkIfThere(const QByteArray &path)
 {
     return ::unlink(path.constData()) == 0 || errno == ENOENT ? 0 : errno;
-}
-
-int syncFolder(const QByteArray &path)
-{
-    const Descriptor folder(::open(path.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    return folder && ::fsync(folder.get()) == 0 ? 0 : errno;
 }
 
 int writeFresh(const QByteArray &path, QByteArrayView bytes, mode_t mode)
@@ -48,31 +34,39 @@ int writeFresh(const QByteArray &path, QByteArrayView bytes, mode_t mode)
     return ::fchmod(file.get(), mode) == 0 && ::fsync(file.get()) == 0 ? 0 : errno;
 }
 
-QByteArray sentence(const QByteArray &path, int error)
+int syncFolderOf(const QByteArray &path)
 {
-    return error == 0 ? QByteArray() : path + ": " + std::strerror(error) + '.';
+    const QByteArray name = path.left(path.lastIndexOf('/'));
+    const Descriptor folder(::open(name.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return folder && ::fsync(folder.get()) == 0 ? 0 : errno;
+}
+
+Result<void> outcome(int error, const QByteArray &path)
+{
+    if (error != 0)
+        return systemFailure(error, path);
+    return {};
 }
 
 } // namespace
 
-QByteArray BlessFiles::place(const QByteArray &path, QByteArrayView bytes, mode_t mode)
+Result<void> PlacedFile::write(const QByteArray &path, QByteArrayView bytes, mode_t mode)
 {
     const QByteArray fresh = freshName(path);
-    QDir().mkpath(QFile::decodeName(folderOf(path)));
     int error = unlinkIfThere(fresh);
     if (error == 0)
         error = writeFresh(fresh, bytes, mode);
     if (error == 0 && ::rename(fresh.constData(), path.constData()) != 0)
         error = errno;
     if (error == 0)
-        return sentence(path, syncFolder(folderOf(path)));
+        return outcome(syncFolderOf(path), path);
     (void)unlinkIfThere(fresh);
-    return sentence(path, error);
+    return outcome(error, path);
 }
 
-QByteArray BlessFiles::remove(const QByteArray &path)
+Result<void> PlacedFile::remove(const QByteArray &path)
 {
     const int left = unlinkIfThere(freshName(path));
     const int error = unlinkIfThere(path);
-    return sentence(path, error != 0 ? error : left);
+    return outcome(error != 0 ? error : left, path);
 }
