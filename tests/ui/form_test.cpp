@@ -84,7 +84,7 @@ public:
 
 } // namespace
 
-TEST_F(FormTest, ANewFormIsEmptyAndTheTabKeyGoesThroughItInOrder)
+TEST_F(FormTest, ANewFormIsEmptyAndReadyForKeyboardAndPointer)
 {
     EXPECT_EQ(form().emailEdit->text() + form().passwordEdit->text(), QString());
     EXPECT_FALSE(form().rememberCheck->isChecked());
@@ -93,6 +93,11 @@ TEST_F(FormTest, ANewFormIsEmptyAndTheTabKeyGoesThroughItInOrder)
         EXPECT_EQ(QApplication::focusWidget(), next) << next->objectName().toStdString();
         QTest::keyClick(QApplication::focusWidget(), Qt::Key_Tab);
     }
+    for (const auto *const button : form().findChildren<QAbstractButton *>())
+        EXPECT_EQ(button->cursor().shape(), Qt::PointingHandCursor) << button->objectName().toStdString();
+    // A disabled check box does not choose the pointer: its parent does.
+    EXPECT_EQ(form().rememberCheck->parentWidget()->cursor().shape(), Qt::PointingHandCursor);
+    EXPECT_EQ(form().emailLine->cursor().shape(), Qt::ArrowCursor);
 }
 
 TEST_F(FormTest, TheColoursOnTheScreenAreThePalette)
@@ -123,15 +128,12 @@ TEST_F(FormTest, TheColoursOnTheScreenAreThePalette)
 
 TEST_F(FormTest, EveryStateNameHasTheLookOfItsClassAndAnUnknownOneNone)
 {
-    const std::pair<QStringList, Look> rows[] = {
-        {{u"CONNECTED"_s}, connected},
-        {u"USER_VPN_PERMISSION VPN_GENERATE_CONFIG NONETWORK CONNECTING WAIT RECONNECTING RESOLVE TCP_CONNECT AUTH "
-         "GET_CONFIG ASSIGN_IP ADD_ROUTES"_s.split(u' '),
-         connecting},
-        {{u"DISCONNECTED"_s, u"EXITING"_s, u"NOPROCESS"_s}, stopped},
-    };
-    for (const auto &[names, expected] : rows) {
-        for (const QString &name : names) {
+    const QString connectingNames = u"USER_VPN_PERMISSION VPN_GENERATE_CONFIG NONETWORK CONNECTING WAIT RECONNECTING "
+                                    "RESOLVE TCP_CONNECT AUTH GET_CONFIG ASSIGN_IP ADD_ROUTES"_s;
+    for (const auto &[names, expected] : {std::pair{u"CONNECTED"_s, connected},
+                                          {connectingNames, connecting},
+                                          {u"DISCONNECTED EXITING NOPROCESS"_s, stopped}}) {
+        for (const QString &name : names.split(u' ')) {
             expected == stopped ? form().showConnected() : form().showStopped();
             OpenVPNService::shared().setState(u"NOPROCESS"_s); // a connected tunnel would ignore some of them
             announce(name);
@@ -184,6 +186,7 @@ TEST_F(FormTest, AlertsAreSheetsThatWaitForEachOtherAndBringTheWindowBack)
     for (const QLabel *const label : box.findChildren<QLabel *>())
         EXPECT_GE(label->height(), label->heightForWidth(label->width())) << "text that is cut";
     EXPECT_EQ(box.standardButtons(), QMessageBox::Ok);
+    EXPECT_EQ(box.button(QMessageBox::Ok)->cursor().shape(), Qt::PointingHandCursor);
 
     QTest::keyClick(&box, Qt::Key_Return);
     EXPECT_EQ(nextAlert(), u"second"_s);
@@ -193,21 +196,6 @@ TEST_F(FormTest, AlertsAreSheetsThatWaitForEachOtherAndBringTheWindowBack)
     form().showAlert(u"third"_s);
     EXPECT_FALSE(window.isMinimized());
     EXPECT_EQ(nextAlert(), u"third"_s);
-}
-
-TEST_F(FormTest, ThePointerIsAHandOverEveryButton)
-{
-    form().showAlert(u"one more button"_s);
-    QList<QAbstractButton *> buttons =
-        alert()->findChildren<QAbstractButton *>() + form().findChildren<QAbstractButton *>();
-    EXPECT_EQ(buttons.size(), 5);
-    for (const QAbstractButton *const button : buttons)
-        EXPECT_EQ(button->cursor().shape(), Qt::PointingHandCursor) << button->text().toStdString();
-    nextAlert();
-
-    // A disabled widget does not choose the pointer, so the one of its parent is seen.
-    EXPECT_EQ(form().rememberCheck->parentWidget()->cursor().shape(), Qt::PointingHandCursor);
-    EXPECT_EQ(form().emailLine->cursor().shape(), Qt::ArrowCursor);
 }
 
 TEST_F(FormTest, APastedTextLosesItsLineEndsAndAPasswordIsNotReadable)

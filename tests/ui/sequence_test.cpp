@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "captured_log.h"
+#include "files.h"
 #include "https_server.h"
 #include "openvpn_service.h"
 #include "tcp_peer.h"
@@ -62,6 +63,8 @@ TEST_F(SequenceTest, AClickSignsInFetchesTheProfileAndHandsBothToOpenVPN)
     EXPECT_THAT(service.requests().value(0).toStdString(), HasSubstr(R"("email":"ana@b.example")"));
     EXPECT_THAT(service.requests().value(1).toStdString(), HasSubstr("Bearer t0ken"));
     EXPECT_TRUE(log.reach("Profile received\n", 1));
+    EXPECT_EQ(OpenVPNService::shared().config, u"/tmp/corvale.ovpn"_s);
+    EXPECT_EQ(contentOf(u"/tmp/corvale.ovpn"_s), "client\n");
 
     // In every state that is not a stopped one a click ends the tunnel. The look follows from what OpenVPN reports.
     for (int stops = 1; const auto &state : {u"WAIT"_s, u"CONNECTED"_s, u"SOMETHING_NEW"_s}) {
