@@ -4,11 +4,11 @@
 
 #include "app_delegate.h"
 #include "background_queue.h"
+#include "dark_style.h"
 #include "helper_connection.h"
 #include "main_view_controller.h"
 #include "openvpn_service.h"
 #include "silent_helper.h"
-#include "styling.h"
 #include "tcp_peer.h"
 #include "title_button.h"
 
@@ -126,7 +126,7 @@ int main(int argc, char *argv[])
     QApplication application(argc, argv);
     if (argc != 2)
         return EXIT_FAILURE;
-    Styling::apply(application);
+    DarkStyle::apply(application);
     const bool done = measure(QString::fromLocal8Bit(argv[1]));
     if (!done)
         qCritical("The button did not show the states.");

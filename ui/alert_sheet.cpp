@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "alert_sheet.h"
 
-#include "styling.h"
+#include "theme.h"
 
 #include <QDialogButtonBox>
 #include <QEvent>
@@ -13,9 +13,9 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-constexpr QMargins room(20, 18, 20, 16);
-constexpr int betweenRows = 12;
-constexpr int beside = 16; // of the window, on either side
+constexpr QMargins margins(20, 18, 20, 16);
+constexpr int rowSpacing = 12;
+constexpr int windowMargin = 16; // between the sheet and the window's left and right edge
 
 } // namespace
 
@@ -24,9 +24,9 @@ AlertSheet::AlertSheet(const QString &message, QWidget *window)
 {
     setAttribute(Qt::WA_DeleteOnClose);
     setTextFormat(Qt::PlainText);
-    setFont(Styling::systemFont(Styling::smallPoints));
+    setFont(Theme::systemFont(Theme::smallPoints));
     QPalette palette = this->palette();
-    palette.setColor(QPalette::Window, QColor::fromRgb(Styling::raised));
+    palette.setColor(QPalette::Window, Theme::raised);
     setPalette(palette);
     arrange();
 }
@@ -38,14 +38,14 @@ void AlertSheet::arrange()
     text_ = findChild<QLabel *>(u"qt_msgbox_label"_s);
     if (!image || !buttons || !text_)
         return;
-    // One below the other, so that the text has the width of the window.
+    // One below the other, which gives the text the width of the window.
     delete layout();
     auto *const column = new QVBoxLayout(this);
-    column->setContentsMargins(room);
-    column->setSpacing(betweenRows);
+    column->setContentsMargins(margins);
+    column->setSpacing(rowSpacing);
     column->addWidget(image, 0, Qt::AlignHCenter);
     column->addWidget(text_);
-    column->addSpacing(betweenRows / 2);
+    column->addSpacing(rowSpacing / 2);
     column->addWidget(buttons);
     text_->setAlignment(Qt::AlignCenter);
     buttons->setCenterButtons(true);
@@ -53,8 +53,8 @@ void AlertSheet::arrange()
 
 bool AlertSheet::event(QEvent *event)
 {
-    // Upon this one a message box takes the size that it finds best, and ours is the window's business.
-    // NOLINTNEXTLINE(bugprone-parent-virtual-call): the base's is what is not to happen.
+    // A message box answers this event by choosing its own size. The size of a sheet follows from its window.
+    // NOLINTNEXTLINE(bugprone-parent-virtual-call): skips the message box's answer.
     return event->type() == QEvent::LayoutRequest ? QDialog::event(event) : QMessageBox::event(event);
 }
 
@@ -64,17 +64,17 @@ void AlertSheet::showEvent(QShowEvent *event)
     const QWidget *const window = parentWidget();
     if (!window || !text_)
         return;
-    // Every sheet is as wide as its window allows, and long lines are broken rather than let out of it.
+    // Every sheet is as wide as its window allows. Long lines wrap.
     text_->setWordWrap(true);
-    const int width = std::max(window->width() - 2 * beside, layout()->totalMinimumSize().width());
+    const int width = std::max(window->width() - 2 * windowMargin, layout()->totalMinimumSize().width());
     setFixedSize(width, layout()->totalHeightForWidth(width));
-    // Qt leaves room for a frame, and there is none.
+    // Qt places a window as if it had a frame, and this one has none.
     move(window->geometry().center() - rect().center());
 }
 
 void AlertSheet::paintEvent(QPaintEvent *)
 {
     QPainter painter(this);
-    painter.setPen(QColor::fromRgb(Styling::grey));
+    painter.setPen(Theme::grey);
     painter.drawRect(QRectF(rect()).adjusted(0.5, 0.5, -0.5, -0.5));
 }

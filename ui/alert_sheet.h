@@ -3,13 +3,13 @@
 
 #include <QMessageBox>
 
-/// A critical message with one button, which lies on the middle of a window and looks like a part of it on every
+/// A critical message with one button, in the middle of a window, that looks like a part of that window on every
 /// desktop. Deletes itself when it is closed. Main thread.
 class AlertSheet final : public QMessageBox {
     Q_OBJECT
 
 public:
-    /// Not shown yet: `open` does. Without a window it is one of its own.
+    /// Makes the sheet without showing it: call `open`. When `window` is null the sheet is a window of its own.
     AlertSheet(const QString &message, QWidget *window);
 
 protected:
@@ -20,5 +20,5 @@ protected:
 private:
     void arrange();
 
-    QLabel *text_ = nullptr; ///< the base's; null where it is not as expected, and then the sheet is as Qt made it
+    QLabel *text_ = nullptr; ///< the base's; null when the base has other parts than expected, and keeps its layout
 };

@@ -4,7 +4,7 @@
 #include "interface_loader.h"
 #include "main_view_controller.h"
 #include "main_window_controller.h"
-#include "styling.h"
+#include "theme.h"
 
 #include <QAction>
 #include <QCoreApplication>
@@ -32,7 +32,7 @@ void AppDelegate::applicationDidFinishLaunching()
         if (isCurrent)
             return;
         installHelper();
-        clearHelperConnection(); // the next use is to reach the helper that is installed now
+        clearHelperConnection(); // it leads to the replaced helper
     });
 }
 
@@ -66,13 +66,13 @@ void AppDelegate::connectMenu()
 
 void AppDelegate::showStatusItem()
 {
-    QIcon image = Styling::imageNamed(u"ic_status"_s);
-    image.setIsMask(false); // its own colours, not the panel's
+    QIcon image = Theme::imageNamed(u"ic_status"_s);
+    image.setIsMask(false); // keeps its own colours
     statusItem = std::make_unique<QSystemTrayIcon>(image);
     statusItem->setToolTip(u"Corvale"_s);
     statusItem->setContextMenu(statusMemu);
     connect(statusItem.get(), &QSystemTrayIcon::activated, this, [this](QSystemTrayIcon::ActivationReason reason) {
-        // The panel itself opens the menu for the other mouse button only.
+        // A panel opens the menu itself only for the right mouse button.
         if (reason == QSystemTrayIcon::Trigger && statusMemu)
             statusMemu->popup(QCursor::pos());
     });

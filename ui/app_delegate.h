@@ -16,8 +16,8 @@ class QMenu;
 class QSystemTrayIcon;
 class QWidget;
 
-/// The application's delegate: makes window, form and status item at launch, and brings the window back. Main thread,
-/// but for what `HelperClient` says of itself.
+/// The application's delegate. It makes the window, the form and the status item at launch, and brings the window back.
+/// Main thread, except for the operations of `HelperClient`.
 class AppDelegate final : public QObject, public HelperClient {
     Q_OBJECT
 
@@ -26,27 +26,27 @@ public:
     ~AppDelegate() override;
 
 private:
-    std::unique_ptr<QWidget> interface_; ///< the rest of the interface file; owns the menu, so it goes last
+    std::unique_ptr<QWidget> interface_; ///< root of the interface file; owns the menu, so it is destroyed last
 
 public:
     QPointer<QMenu> statusMemu;                      ///< the status item's menu
-    QPointer<QAction> connectItem;                   ///< its connect entry; the form keeps its title
+    QPointer<QAction> connectItem;                   ///< its connect entry; the form sets its title
     std::unique_ptr<QMainWindow> window;             ///< empty when the interface file names another class
-    QPointer<MainViewController> mainViewController; ///< owned by the window, or by the interface where there is none
+    QPointer<MainViewController> mainViewController; ///< owned by the window, or by `interface_` when there is none
     std::unique_ptr<QSystemTrayIcon> statusItem;     ///< empty while the desktop has no status bar
 
-    /// Loads the interface file, shows the window with the form in it, puts the status item into the status bar, and
-    /// has the helper installed if the system's is not the bundle's. What the file lacks is left empty, and the launch
-    /// goes on. Call once.
+    /// Loads the interface file and shows the window with the form in it. Adds the status item as soon as there is a
+    /// status bar. Installs the bundle's helper when the system's is another one. An object that the file lacks stays
+    /// empty, and the launch goes on. Call once.
     void applicationDidFinishLaunching();
 
-    /// The application is quitting. The tunnel is left as it is: the next start of the client takes it over.
+    /// The application is quitting. The tunnel stays up: the next start of the client takes it over.
     void applicationWillTerminate() {}
 
-    /// Brings the main window, where there is one, back and to the front. Always true.
+    /// Shows the main window, if there is one, and brings it to the front. Always true.
     bool applicationShouldHandleReopen(bool hasVisibleWindows) const;
 
-    /// The status menu's connect entry: a click on the form's connect button.
+    /// The status menu's connect entry. Does what the form's connect button does.
     void onConnectButtonClick() const;
 
 private:

@@ -3,12 +3,13 @@
 
 #include "app_delegate.h"
 #include "background_queue.h"
+#include "dark_style.h"
 #include "helper_connection.h"
 #include "quit_signals.h"
 #include "silent_bus.h"
 #include "single_instance.h"
 #include "standard_output.h"
-#include "styling.h"
+#include "theme.h"
 
 #include <QApplication>
 
@@ -21,7 +22,7 @@ namespace {
 
 int run(QApplication &application, SingleInstance &instance)
 {
-    Styling::apply(application);
+    DarkStyle::apply(application);
     const QuitSignals quitSignals;
     AppDelegate delegate;
     QObject::connect(&instance, &SingleInstance::activated, &delegate, [&delegate](const QString &token) {
@@ -51,7 +52,7 @@ int applicationMain(int &argc, char **argv)
     QApplication application(argc, argv);
     QApplication::setApplicationName(u"Corvale"_s);
     QApplication::setDesktopFileName(u"corvale"_s);
-    QApplication::setWindowIcon(Styling::imageNamed(u"corvale"_s));
+    QApplication::setWindowIcon(Theme::imageNamed(u"corvale"_s));
     // The status item stays when the window is closed.
     QApplication::setQuitOnLastWindowClosed(false);
 

@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: MIT
 #include "dark_style.h"
 
-#include "styling.h"
+#include "theme.h"
 
+#include <QApplication>
 #include <QIcon>
 #include <QPainter>
 #include <QStyleOption>
@@ -14,7 +15,46 @@ namespace {
 constexpr int boxSide = 18;
 constexpr int alertSide = 40;
 constexpr QSize buttonPadding(56, 14);
-constexpr int usualDpi = 96; // more of them and nothing scaled means larger fonts
+constexpr int usualDpi = 96; // a screen with more that is not scaled has larger fonts
+
+constexpr QColor highlight(0x1C, 0x84, 0x55); // the connected button's green, dark enough for white text
+constexpr QColor disabledText(0x92, 0x95, 0x9B);
+
+/// Shows a hand as the pointer over every button. Qt makes buttons of its own, such as those of alerts, so it watches
+/// the events of the whole application.
+class PointingHand final : public QObject {
+public:
+    using QObject::QObject;
+
+    bool eventFilter(QObject *watched, QEvent *event) override
+    {
+        if (event->type() == QEvent::Polish)
+            if (auto *const widget = qobject_cast<QWidget *>(watched); widget && isButton(*widget))
+                widget->setCursor(Qt::PointingHandCursor);
+        return false;
+    }
+
+private:
+    static bool isButton(const QWidget &widget)
+    {
+        // The second is the status item in the status bar of an X screen.
+        return widget.inherits("QAbstractButton") || widget.inherits("QSystemTrayIconSys");
+    }
+};
+
+QPalette darkPalette()
+{
+    QPalette palette(Theme::raised, Theme::background);
+    palette.setColor(QPalette::Base, Theme::background);
+    palette.setColor(QPalette::Highlight, highlight);
+    palette.setColor(QPalette::HighlightedText, Theme::white);
+    palette.setColor(QPalette::PlaceholderText, Theme::grey);
+    for (const auto role : {QPalette::WindowText, QPalette::Text, QPalette::ButtonText}) {
+        palette.setColor(role, Theme::white);
+        palette.setColor(QPalette::Disabled, role, disabledText);
+    }
+    return palette;
+}
 
 void drawCheckBox(const QStyleOption &option, QPainter &painter)
 {
@@ -26,7 +66,7 @@ void drawCheckBox(const QStyleOption &option, QPainter &painter)
 
     painter.save();
     painter.setRenderHint(QPainter::Antialiasing);
-    painter.setPen(QPen(QColor::fromRgb(focused || hovered ? Styling::white : Styling::grey), focused ? 2 : 1.5));
+    painter.setPen(QPen(focused || hovered ? Theme::white : Theme::grey, focused ? 2 : 1.5));
     if (checked)
         painter.setBrush(enabled ? option.palette.highlight() : option.palette.button());
     else if (focused)
@@ -37,14 +77,14 @@ void drawCheckBox(const QStyleOption &option, QPainter &painter)
         QPolygonF line;
         for (const QPointF &point : tick)
             line << QPointF(box.x() + point.x() * box.width(), box.y() + point.y() * box.height());
-        painter.setPen(QPen(QColor::fromRgb(enabled ? Styling::white : Styling::grey), 2, Qt::SolidLine, Qt::RoundCap));
+        painter.setPen(QPen(enabled ? Theme::white : Theme::grey, 2, Qt::SolidLine, Qt::RoundCap));
         painter.setBrush(Qt::NoBrush);
         painter.drawPolyline(line);
     }
     painter.restore();
 }
 
-/// The button of an alert: the form's own draw themselves.
+/// An alert's button. Those of the form draw themselves.
 void drawButton(const QStyleOption &option, QPainter &painter)
 {
     const bool pressed = option.state.testFlag(QStyle::State_Sunken);
@@ -55,9 +95,9 @@ void drawButton(const QStyleOption &option, QPainter &painter)
     painter.save();
     painter.setRenderHint(QPainter::Antialiasing);
     if (pressed)
-        painter.setOpacity(Styling::pressedOpacity);
+        painter.setOpacity(Theme::pressedOpacity);
     painter.setBrush(option.palette.highlight());
-    painter.setPen(hovered || focused ? QPen(QColor::fromRgb(Styling::white), focused ? 2 : 1) : QPen(Qt::NoPen));
+    painter.setPen(hovered || focused ? QPen(Theme::white, focused ? 2 : 1) : QPen(Qt::NoPen));
     painter.drawRoundedRect(edge, edge.height() / 2, edge.height() / 2);
     painter.restore();
 }
@@ -65,6 +105,13 @@ void drawButton(const QStyleOption &option, QPainter &painter)
 } // namespace
 
 DarkStyle::DarkStyle() : QProxyStyle(u"Fusion"_s) {}
+
+void DarkStyle::apply(QApplication &application)
+{
+    QApplication::setStyle(new DarkStyle);
+    QApplication::setPalette(darkPalette());
+    application.installEventFilter(new PointingHand(&application));
+}
 
 void DarkStyle::drawPrimitive(PrimitiveElement element, const QStyleOption *option, QPainter *painter,
                               const QWidget *widget) const
@@ -93,7 +140,7 @@ QSize DarkStyle::sizeFromContents(ContentsType type, const QStyleOption *option,
 
 QIcon DarkStyle::standardIcon(StandardPixmap standard, const QStyleOption *option, const QWidget *widget) const
 {
-    return standard == SP_MessageBoxCritical ? Styling::imageNamed(u"ic_alert"_s)
+    return standard == SP_MessageBoxCritical ? Theme::imageNamed(u"ic_alert"_s)
                                              : QProxyStyle::standardIcon(standard, option, widget);
 }
 
@@ -103,7 +150,7 @@ int DarkStyle::pixelMetric(PixelMetric metric, const QStyleOption *option, const
     case PM_IndicatorWidth:
     case PM_IndicatorHeight: return widget ? boxSide * widget->logicalDpiY() / usualDpi : boxSide;
     case PM_MessageBoxIconSize: return alertSide;
-    case PM_TextCursorWidth: return 0; // the fields draw their own caret
+    case PM_TextCursorWidth: return 0; // `TextField` draws its own
     default: return QProxyStyle::pixelMetric(metric, option, widget);
     }
 }
@@ -111,6 +158,6 @@ int DarkStyle::pixelMetric(PixelMetric metric, const QStyleOption *option, const
 int DarkStyle::styleHint(StyleHint hint, const QStyleOption *option, const QWidget *widget,
                          QStyleHintReturn *returnData) const
 {
-    // The icon themes' symbols are drawn for light buttons.
+    // Icon themes draw their symbols for light buttons.
     return hint == SH_DialogButtonBox_ButtonsHaveIcons ? 0 : QProxyStyle::styleHint(hint, option, widget, returnData);
 }

@@ -3,12 +3,16 @@
 
 #include <QProxyStyle>
 
-/// Draws what the desktop's own style would draw unreadably on the dark form. Main thread.
+class QApplication;
+
+/// The application's style: the desktop's own could paint over the dark form or be unreadable on it. Main thread.
 class DarkStyle final : public QProxyStyle {
     Q_OBJECT
 
 public:
-    DarkStyle();
+    /// Makes every window, menu and alert of the application dark, and shows a hand as the pointer over every button,
+    /// later ones included. Call once, before the first window.
+    static void apply(QApplication &application);
 
     void drawPrimitive(PrimitiveElement element, const QStyleOption *option, QPainter *painter,
                        const QWidget *widget) const override;
@@ -20,4 +24,7 @@ public:
     int pixelMetric(PixelMetric metric, const QStyleOption *option, const QWidget *widget) const override;
     int styleHint(StyleHint hint, const QStyleOption *option, const QWidget *widget,
                   QStyleHintReturn *returnData) const override;
+
+private:
+    DarkStyle();
 };

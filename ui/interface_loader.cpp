@@ -21,7 +21,7 @@ std::unique_ptr<QWidget> InterfaceLoader::load(const QString &name)
         SystemLog::write(name + u": not in the bundle"_s);
         return nullptr;
     }
-    // It would load every plugin of Qt's form designer on this machine, and Qt Quick with them.
+    // The loader would load every plugin of Qt's form designer on this machine, and Qt Quick with them.
     const QStringList plugins = QCoreApplication::libraryPaths();
     QCoreApplication::setLibraryPaths({});
     InterfaceLoader loader;

@@ -5,13 +5,13 @@
 
 #include <memory>
 
-/// Makes the objects of the interface file, the application's own classes among them. Main thread.
+/// Makes the objects that the interface file describes, including those of the application's own classes. Main thread.
 class InterfaceLoader final : public QUiLoader {
     Q_OBJECT
 
 public:
-    /// Everything that the bundle's file `name` describes, below its hidden root; null, with a line in the system log,
-    /// when the file is missing or cannot be read.
+    /// The hidden root of everything that the bundle's file `name` describes. Null when the file is missing or cannot
+    /// be read, which is one line in the system log.
     static std::unique_ptr<QWidget> load(const QString &name);
 
     QWidget *createWidget(const QString &className, QWidget *parent, const QString &name) override;

@@ -9,6 +9,7 @@
 #include "styling.h"
 #include "system_log.h"
 #include "text_field.h"
+#include "theme.h"
 #include "title_button.h"
 #include "user_defaults.h"
 
@@ -29,8 +30,6 @@ namespace {
 constexpr QLatin1String website("https://www.corvale.example");
 constexpr QLatin1String emailKey("email");
 constexpr QLatin1String passwordKey("password");
-
-const QString unknownError = u"Unknown error"_s;
 
 void fill(QWidget &widget, QColor color)
 {
@@ -71,10 +70,9 @@ bool MainViewController::connectOutlets()
 
 void MainViewController::viewDidLoad()
 {
-    const QColor grey = QColor::fromRgb(Styling::grey);
-    fill(*this, QColor::fromRgb(Styling::background));
-    fill(*emailLine, grey);
-    fill(*passwordLine, grey);
+    fill(*this, Theme::background);
+    fill(*emailLine, Theme::grey);
+    fill(*passwordLine, Theme::grey);
     if (auto *const emblem = findChild<QLabel *>(u"emblem"_s)) {
         emblem->setAccessibleName(u"Corvale"_s);
         emblem->setPixmap(QApplication::windowIcon().pixmap(emblem->minimumSize(), devicePixelRatio()));
@@ -84,10 +82,10 @@ void MainViewController::viewDidLoad()
     emailEdit->setText(UserDefaults::stringForKey(emailKey).value_or(QString()));
     passwordEdit->setText(UserDefaults::stringForKey(passwordKey).value_or(QString()));
 
-    connectButton->setIcon(Styling::imageNamed(u"bg_button"_s));
-    Styling::setColoredTitle(*connectButton, u"Conectar"_s, grey);
-    signupButton->setTitle(u"Registrarme"_s, grey, Qt::AlignLeft, Styling::systemFont(Styling::smallPoints));
-    helpButton->setTitle(u"Ayuda"_s, grey, Qt::AlignRight, Styling::systemFont(Styling::smallPoints));
+    connectButton->setIcon(Theme::imageNamed(u"bg_button"_s));
+    Styling::setColoredTitle(*connectButton, u"Conectar"_s, Theme::grey);
+    signupButton->setTitle(u"Registrarme"_s, Theme::grey, Qt::AlignLeft, Theme::systemFont(Theme::smallPoints));
+    helpButton->setTitle(u"Ayuda"_s, Theme::grey, Qt::AlignRight, Theme::systemFont(Theme::smallPoints));
 
     connect(connectButton, &TitleButton::clicked, this, &MainViewController::onConnectButtonClick);
     connect(emailEdit, &TextField::returnPressed, this, &MainViewController::onConnectButtonClick);
@@ -95,7 +93,7 @@ void MainViewController::viewDidLoad()
     connect(signupButton, &TitleButton::clicked, this, &MainViewController::onSignUpButtonClick);
     connect(helpButton, &TitleButton::clicked, this, &MainViewController::onHelpButtonClick);
     for (auto *const button : {connectButton.get(), signupButton.get(), helpButton.get()})
-        button->setAutoDefault(true); // Return presses it, as it does in an alert
+        button->setAutoDefault(true); // Return presses them, as it presses the button of an alert
     rememberText->installEventFilter(this);
     rememberCheck->installEventFilter(this);
     hideHeadingOnSmallScreen();
@@ -105,19 +103,19 @@ void MainViewController::viewDidLoad()
 
 void MainViewController::hideHeadingOnSmallScreen() const
 {
-    // The window cannot be made smaller or scrolled, and every control has to be in reach.
-    constexpr int titleBar = 40;
+    // The window has one size and does not scroll, so all its controls must fit on the screen.
+    constexpr int titleBarHeight = 40;
     auto *const heading = findChild<QWidget *>(u"heading"_s);
-    if (heading && sizeHint().height() + titleBar > screen()->availableGeometry().height())
+    if (heading && sizeHint().height() + titleBarHeight > screen()->availableGeometry().height())
         heading->hide();
 }
 
 void MainViewController::viewDidAppear() const
 {
-    emailEdit->setCaretColor(QColor::fromRgb(Styling::white));
-    passwordEdit->setCaretColor(QColor::fromRgb(Styling::white));
-    Styling::setColoredPlaceholder(*emailEdit, u"Email"_s, QColor::fromRgb(Styling::grey));
-    Styling::setColoredPlaceholder(*passwordEdit, u"Contraseña"_s, QColor::fromRgb(Styling::grey));
+    emailEdit->setCaretColor(Theme::white);
+    passwordEdit->setCaretColor(Theme::white);
+    Styling::setColoredPlaceholder(*emailEdit, u"Email"_s, Theme::grey);
+    Styling::setColoredPlaceholder(*passwordEdit, u"Contraseña"_s, Theme::grey);
     emailEdit->setFrame(false);
     passwordEdit->setFrame(false);
 }
@@ -170,7 +168,7 @@ void MainViewController::onConnectButtonClick()
     const QString password = passwordEdit->text();
     showConnecting();
     requestUnderWay_ = true;
-    // The log tells how far a click came; of a request that failed, the alert says what the person may know.
+    // The log tells which step a click reached. Why a request failed is shown in an alert alone.
     SystemLog::write(u"Signing in"_s);
     AccountClient::signIn(email, password, [self = QPointer(this), email, password](const AccountAnswer &answer) {
         if (self)
@@ -230,12 +228,12 @@ void MainViewController::endSequence(const AccountAnswer &answer)
     if (answer.kind() == AccountAnswer::Kind::rejected)
         refuse(*passwordEdit, answer.message());
     else
-        showAlert(answer.kind() == AccountAnswer::Kind::success ? unknownError : answer.message());
+        showAlert(answer.kind() == AccountAnswer::Kind::success ? u"Unknown error"_s : answer.message());
 }
 
 void MainViewController::refuse(TextField &field, const QString &message)
 {
-    field.setFocus(); // where the person goes on when the alert is closed
+    field.setFocus(); // the person goes on typing there when the alert is closed
     field.selectAll();
     showAlert(message);
 }
@@ -254,36 +252,30 @@ void MainViewController::openVPNStateDidChange() const
 
 void MainViewController::showStopped() const
 {
-    showLook(u"Conectar"_s, u"bg_button"_s, QColor::fromRgb(Styling::grey), true, QColor::fromRgb(Styling::white));
+    showLook({u"Conectar"_s, u"bg_button"_s, Theme::grey, true});
 }
 
 void MainViewController::showConnecting() const
 {
-    showLocked(u"Conectando..."_s, u"bg_button"_s, QColor::fromRgb(Styling::grey));
+    showLook({u"Conectando..."_s, u"bg_button"_s, Theme::grey, false});
 }
 
 void MainViewController::showConnected() const
 {
-    showLocked(u"Desconectar"_s, u"bg_button_green"_s, QColor::fromRgb(Styling::white));
+    showLook({u"Desconectar"_s, u"bg_button_green"_s, Theme::white, false});
 }
 
-void MainViewController::showLocked(const QString &title, const QString &imageName, QColor titleColor) const
+void MainViewController::showLook(const Look &look) const
 {
-    showLook(title, imageName, titleColor, false, QColor::fromRgb(Styling::grey));
-}
-
-void MainViewController::showLook(const QString &title, const QString &imageName, QColor titleColor, bool enabled,
-                                  QColor labelColor) const
-{
-    Styling::setColoredTitle(*connectButton, title, titleColor);
-    connectButton->setIcon(Styling::imageNamed(imageName));
+    Styling::setColoredTitle(*connectButton, look.title, look.titleColor);
+    connectButton->setIcon(Theme::imageNamed(look.image));
     if (appDelegate && appDelegate->connectItem)
-        appDelegate->connectItem->setText(title);
-    emailEdit->setEnabled(enabled);
-    passwordEdit->setEnabled(enabled);
-    rememberCheck->setEnabled(enabled);
+        appDelegate->connectItem->setText(look.title);
+    emailEdit->setEnabled(look.enabled);
+    passwordEdit->setEnabled(look.enabled);
+    rememberCheck->setEnabled(look.enabled);
     QPalette palette = rememberText->palette();
-    palette.setColor(QPalette::WindowText, labelColor);
+    palette.setColor(QPalette::WindowText, look.enabled ? Theme::white : Theme::grey);
     rememberText->setPalette(palette);
 }
 
@@ -302,7 +294,7 @@ void MainViewController::showNextAlert()
     if (owner && (owner->isHidden() || owner->isMinimized()))
         appDelegate->applicationShouldHandleReopen(false);
     auto *const alert = new AlertSheet(waitingAlerts_.takeFirst(), owner);
-    // Not the alert's end itself but what it leaves: the next sheet must not be opened while this one still closes.
+    // Not `finished`: the next sheet must not open while this one still closes.
     connect(alert, &QObject::destroyed, this, &MainViewController::showNextAlert);
     alert_ = alert;
     alert->open();
@@ -310,15 +302,10 @@ void MainViewController::showNextAlert()
 
 void MainViewController::onSignUpButtonClick()
 {
-    openWebPage(website + u"/precios/"_s);
+    QDesktopServices::openUrl(QUrl(website + u"/precios/"_s));
 }
 
 void MainViewController::onHelpButtonClick()
 {
-    openWebPage(website + u"/soporte/"_s);
-}
-
-void MainViewController::openWebPage(const QString &address)
-{
-    QDesktopServices::openUrl(QUrl(address));
+    QDesktopServices::openUrl(QUrl(website + u"/soporte/"_s));
 }

@@ -15,8 +15,8 @@ class QLabel;
 class TextField;
 class TitleButton;
 
-/// The login-and-connect form: checks what is typed, runs sign-in, profile and tunnel one after the other, and shows
-/// the tunnel service's state. Made by the interface file; lives as long as the application. Main thread.
+/// The login-and-connect form. It signs in, fetches the profile, starts the tunnel, and shows the tunnel service's
+/// state. The interface file names it; it lives as long as the application. Main thread.
 class MainViewController final : public QWidget {
     Q_OBJECT
 
@@ -36,29 +36,30 @@ public:
     AppDelegate *const appDelegate;  ///< the application's; outlives the form
     AccountAnswer::Document profile; ///< the last profile answer's document; null until the first
 
-    /// Connects the outlets and, when all of them are there, styles and fills the form and follows the tunnel's state.
-    /// False, with nothing done, when the interface file lacks one. Call once.
+    /// Connects the outlets, styles and fills the form, and follows the tunnel's state from then on. Returns false and
+    /// does nothing when the interface file lacks an outlet; one line in the system log names it. Call once.
     bool loadView();
 
-    /// What a click on the connect button and the status menu's connect entry do: starts a connection from a stopped
-    /// state, ends it in every other. Without e-mail or password it shows an alert only; while a request is under way
-    /// it does nothing.
+    /// A click on the connect button or on the status menu's connect entry. Starts a connection when the tunnel is
+    /// stopped, and ends it in every other state. Does nothing while a request is under way. When a field is empty it
+    /// only shows an alert.
     void onConnectButtonClick();
-    void onSignUpButtonClick(); ///< opens the website's price page in the browser
-    void onHelpButtonClick();   ///< opens the website's support page in the browser
-    void openVPNStateDidChange() const;
+    void onSignUpButtonClick();         ///< opens the website's price page in the browser
+    void onHelpButtonClick();           ///< opens the website's support page in the browser
+    void openVPNStateDidChange() const; ///< shows the look of the current state; keeps the look for an unknown one
 
-    /// Goes on after the sign-in request, which was sent with these two texts.
+    /// The answer to the sign-in request that was sent with these two texts. Asks for the profile, or shows an alert.
     void onSignInAnswer(const AccountAnswer &answer, const QString &email, const QString &password);
-    /// Goes on after the profile request. Blocks as `OpenVPNService::startOpenVPN` does when the profile is good.
+    /// The answer to the profile request. Starts the tunnel, which blocks as `OpenVPNService::startOpenVPN` does, or
+    /// shows an alert.
     void onProfileAnswer(const AccountAnswer &answer);
 
     void showStopped() const;
     void showConnecting() const;
     void showConnected() const;
 
-    /// Opens a sheet on the main window, which is shown first where it is hidden. Returns at once. While another sheet
-    /// is open the new one waits for its end.
+    /// Opens a sheet on the main window, and brings back a window that is hidden or minimised. Returns at once. Sheets
+    /// are shown one after another.
     void showAlert(const QString &message);
 
     bool eventFilter(QObject *watched, QEvent *event) override;
@@ -67,22 +68,26 @@ protected:
     void showEvent(QShowEvent *event) override;
 
 private:
+    struct Look {
+        QString title;
+        QString image; ///< the button's
+        QColor titleColor;
+        bool enabled; ///< the fields and the check box; the label beside it is grey when they are not
+    };
+
     bool connectOutlets();
     void viewDidLoad();
     void hideHeadingOnSmallScreen() const;
     void viewDidAppear() const;
-    void showLocked(const QString &title, const QString &imageName, QColor titleColor) const;
-    void showLook(const QString &title, const QString &imageName, QColor titleColor, bool enabled,
-                  QColor labelColor) const;
+    void showLook(const Look &look) const;
     void remember(const QString &email, const QString &password) const;
-    /// Frees the form and says what the answer, or what it lacks, amounts to.
+    /// Shows the stopped look and an alert. A success is one that lacks what was asked for.
     void endSequence(const AccountAnswer &answer);
     void refuse(TextField &field, const QString &message);
     void showNextAlert();
-    QWidget &nextToUse() const; ///< the first empty field, else the connect button
-    static void openWebPage(const QString &address);
+    QWidget &nextToUse() const; ///< the first empty field, or else the connect button
 
-    bool requestUnderWay_ = false; ///< from a click until its sequence has ended or the tunnel is started
+    bool requestUnderWay_ = false; ///< from a click until an alert, or until the tunnel is started
     QPointer<AlertSheet> alert_;
     QStringList waitingAlerts_;
 };

@@ -3,7 +3,7 @@
 
 #include <QMainWindow>
 
-/// The main window, named by Main.ui. It has no behaviour of its own: what it shows is the view controller's.
+/// The main window that Main.ui names. `MainViewController` has all its behaviour.
 class MainWindowController final : public QMainWindow {
     Q_OBJECT
 

@@ -11,7 +11,7 @@ using namespace Qt::StringLiterals;
 namespace {
 
 constexpr QLatin1String tokenKey("activation-token");
-constexpr int patience = 1000; // ms, for each question to the bus
+constexpr int timeout = 1000; // ms, for each call to the bus
 
 } // namespace
 
@@ -24,15 +24,15 @@ bool SingleInstance::claim()
     if (!bus.isConnected())
         return true;
     bus.registerObject(path, this, QDBusConnection::ExportScriptableInvokables);
-    bus.interface()->setTimeout(patience);
+    bus.interface()->setTimeout(timeout);
     const auto reply = bus.interface()->registerService(name);
     if (!reply.isValid() || reply.value() == QDBusConnectionInterface::ServiceRegistered)
         return true;
 
     QDBusMessage activate = QDBusMessage::createMethodCall(name, path, u"org.freedesktop.Application"_s, u"Activate"_s);
     activate << QVariantMap{{tokenKey, qEnvironmentVariable("XDG_ACTIVATION_TOKEN")}};
-    const QDBusError error(bus.call(activate, QDBus::Block, patience));
-    // A first instance that is busy answers late, but it is there; one that has just gone leaves the place free.
+    const QDBusError error(bus.call(activate, QDBus::Block, timeout));
+    // A first instance that does not answer in time is busy, but it runs. After any other error there is none.
     return error.isValid() && error.type() != QDBusError::NoReply && error.type() != QDBusError::TimedOut &&
            error.type() != QDBusError::Timeout;
 }

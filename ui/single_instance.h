@@ -4,8 +4,8 @@
 #include <QObject>
 #include <QVariantMap>
 
-/// One client for each person: the first holds a name on the session bus, and every later start asks it to come back.
-/// Main thread.
+/// One client for each session: the first owns a name on the session bus, and every later start asks it to show its
+/// window. Main thread.
 class SingleInstance final : public QObject {
     Q_OBJECT
     Q_CLASSINFO("D-Bus Interface", "org.freedesktop.Application")
@@ -13,14 +13,15 @@ class SingleInstance final : public QObject {
 public:
     using QObject::QObject;
 
-    /// True when this process is the one to go on: it took the name, or there is no bus that could tell. False after
-    /// another one was asked to come back. Blocks for the bus's answers, at most about two seconds.
+    /// Returns true when this process goes on: it owns the name now, or there is no session bus. Returns false after it
+    /// asked another instance to show its window. Blocks for up to two calls to the bus, one second each.
     bool claim();
 
-    /// For the bus: another start of the client.
+    /// Called over the bus by another start of the client.
     Q_SCRIPTABLE Q_INVOKABLE void Activate(const QVariantMap &platformData);
 
 signals:
-    /// Another start asks for the window. With the token that lets it come to the front, where the desktop gave one.
+    /// Another start asks for the window. `token` lets the window come to the front; it is empty when the desktop gave
+    /// none.
     void activated(const QString &token);
 };

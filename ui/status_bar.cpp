@@ -36,7 +36,7 @@ void StatusBar::await()
 {
     if (isOnScreen())
         return announce();
-    if (place_ != XCB_ATOM_NONE)
+    if (selection_ != XCB_ATOM_NONE)
         qGuiApp->installNativeEventFilter(this);
     listenToBus();
 }
@@ -47,10 +47,10 @@ bool StatusBar::isOnScreen()
     if (!application)
         return false;
     xcb_connection_t *const screen = application->connection();
-    place_ = atom(screen, "_NET_SYSTEM_TRAY_S0");
+    selection_ = atom(screen, "_NET_SYSTEM_TRAY_S0");
     manager_ = atom(screen, "MANAGER");
     const Reply<xcb_get_selection_owner_reply_t> reply(
-        xcb_get_selection_owner_reply(screen, xcb_get_selection_owner(screen, place_), nullptr), &std::free);
+        xcb_get_selection_owner_reply(screen, xcb_get_selection_owner(screen, selection_), nullptr), &std::free);
     return reply && reply->owner != XCB_WINDOW_NONE;
 }
 
@@ -61,7 +61,7 @@ void StatusBar::listenToBus()
         return;
     auto *const arrival = new QDBusServiceWatcher(watcherName, bus, QDBusServiceWatcher::WatchForRegistration, this);
     connect(arrival, &QDBusServiceWatcher::serviceRegistered, this, &StatusBar::askHost);
-    // What keeps the items' list may be there long before the bar that shows them.
+    // The watcher may be there long before the status bar that shows its items.
     bus.connect(watcherName, watcherPath, watcherName, u"StatusNotifierHostRegistered"_s, this, SLOT(askHost()));
     askHost();
 }
@@ -74,7 +74,7 @@ void StatusBar::askHost()
     question.setAutoStartService(false);
     const auto *const answer = new QDBusPendingCallWatcher(QDBusConnection::sessionBus().asyncCall(question), this);
     connect(answer, &QDBusPendingCallWatcher::finished, this, [this](QDBusPendingCallWatcher *finished) {
-        finished->deleteLater(); // it is still sending its signal
+        finished->deleteLater(); // not `delete`: it is sending this signal
         const QDBusPendingReply<QVariant> reply = *finished;
         if (reply.isValid() && reply.value().toBool())
             announce();
@@ -87,8 +87,8 @@ bool StatusBar::nativeEventFilter(const QByteArray &eventType, void *message, qi
         return false;
     const auto *const event = static_cast<const xcb_client_message_event_t *>(message);
     if ((event->response_type & 0x7F) == XCB_CLIENT_MESSAGE && event->type == manager_ &&
-        event->data.data32[1] == place_)
-        QMetaObject::invokeMethod(this, &StatusBar::announce, Qt::QueuedConnection); // Qt is to see the event first
+        event->data.data32[1] == selection_)
+        QMetaObject::invokeMethod(this, &StatusBar::announce, Qt::QueuedConnection); // Qt must see the event first
     return false;
 }
 

@@ -11,14 +11,14 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-constexpr int ownMargin = 2; // what every line edit keeps free at both ends
-constexpr int aboveText = 5; // and below it, so that large letters stay off the line too
+constexpr int ownMargin = 2;      // every line edit leaves it free at both ends
+constexpr int verticalMargin = 5; // keeps large letters off the line under the field
 
 } // namespace
 
 TextField::TextField(QWidget *parent) : QLineEdit(parent)
 {
-    setTextMargins(-ownMargin, aboveText, -ownMargin, aboveText); // the text begins where the line under it does
+    setTextMargins(-ownMargin, verticalMargin, -ownMargin, verticalMargin); // aligns the text with that line
     connect(this, &QLineEdit::cursorPositionChanged, this, &TextField::showCaret);
     connect(this, &QLineEdit::textChanged, this, &TextField::showCaret);
     connect(this, &QLineEdit::textEdited, this, &TextField::removeLineEnds);
@@ -35,7 +35,7 @@ void TextField::paintEvent(QPaintEvent *event)
     QLineEdit::paintEvent(event);
     if (!caretShown_)
         return;
-    QRect caret = cursorRect(); // with some room on both sides
+    QRect caret = cursorRect(); // wider than the caret, which is in its middle
     caret.setLeft(caret.x() + (caret.width() + 1) / 2);
     caret.setWidth(1);
     QPainter(this).fillRect(caret, caretColor_);

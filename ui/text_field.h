@@ -4,16 +4,15 @@
 #include <QBasicTimer>
 #include <QLineEdit>
 
-/// A line edit that draws its caret itself: Qt's own is the inverse of what is under it, which is white on black
-/// alone. The application's style hides that one. What is pasted loses its line ends, which nobody would see. Main
-/// thread.
+/// A line edit that draws its own caret. Qt's caret inverts the pixels under it, which gives white only on black;
+/// `DarkStyle` hides it. Pasted text loses its line ends, which would be invisible. Main thread.
 class TextField final : public QLineEdit {
     Q_OBJECT
 
 public:
     explicit TextField(QWidget *parent = nullptr);
 
-    /// White is the first colour too. Blinks as the desktop says.
+    /// White until this is called. The caret blinks at the desktop's rate.
     void setCaretColor(QColor color);
 
 protected:

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "title_button.h"
 
-#include "styling.h"
+#include "theme.h"
 
 #include <QAccessible>
 #include <QFocusEvent>
@@ -9,8 +9,8 @@
 
 namespace {
 
-constexpr QSize linkPadding(0, 10);   // enough to hit and to draw the focus under
-constexpr QSize imagePadding(64, 20); // room for the round ends
+constexpr QSize linkPadding(0, 10);   // makes a link easy to hit and leaves room for the line under it
+constexpr QSize imagePadding(64, 20); // keeps the title off the round ends
 
 } // namespace
 
@@ -33,7 +33,7 @@ QSize TitleButton::sizeHint() const
     const QSize title = fontMetrics().size(Qt::TextHideMnemonic | Qt::TextSingleLine, text());
     if (icon().isNull())
         return title + linkPadding;
-    // At its own height the image is as sharp as it was drawn; large titles stretch it.
+    // The image is sharpest at its own height. Only a large title stretches it.
     return (title + imagePadding).expandedTo(QSize(0, imageSize().height()));
 }
 
@@ -42,7 +42,7 @@ void TitleButton::paintEvent(QPaintEvent *)
     QPainter painter(this);
     painter.setRenderHint(QPainter::Antialiasing);
     if (isDown())
-        painter.setOpacity(Styling::pressedOpacity);
+        painter.setOpacity(Theme::pressedOpacity);
     if (!icon().isNull())
         drawBackground(painter);
     painter.setPen(palette().color(QPalette::ButtonText));
@@ -53,7 +53,7 @@ void TitleButton::paintEvent(QPaintEvent *)
 
 void TitleButton::focusInEvent(QFocusEvent *event)
 {
-    // Whoever clicked knows where they are. A window that comes back shows what it showed.
+    // A person who clicked knows where the focus is. A window that becomes active again looks as it did before.
     if (event->reason() != Qt::ActiveWindowFocusReason && event->reason() != Qt::PopupFocusReason)
         focusShows_ = event->reason() != Qt::MouseFocusReason;
     QPushButton::focusInEvent(event);
@@ -65,7 +65,7 @@ void TitleButton::drawAttention(QPainter &painter, const QRect &title) const
     if (!focused && !underMouse())
         return;
     const qreal width = focused ? 2 : 1;
-    const QColor color = focused ? QColor(Qt::white) : palette().color(QPalette::ButtonText);
+    const QColor color = focused ? Theme::white : palette().color(QPalette::ButtonText);
     if (icon().isNull()) {
         painter.fillRect(QRectF(title.left(), title.bottom() + 2, title.width(), width), color);
         return;
@@ -82,7 +82,7 @@ QSize TitleButton::imageSize() const
 
 void TitleButton::drawBackground(QPainter &painter) const
 {
-    // Only the middle of the image is stretched, so that its ends stay round at every width.
+    // Only the middle of the image is stretched: its ends stay round at every width.
     const QSize wanted = imageSize().scaled(QWIDGETSIZE_MAX, height(), Qt::KeepAspectRatio);
     const QPixmap pixmap = icon().pixmap(wanted, devicePixelRatio());
     const int end = pixmap.height() / 2;

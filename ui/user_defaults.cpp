@@ -23,11 +23,11 @@ void logFailure(const QString &reason)
     SystemLog::write(u"User defaults error: "_s + reason);
 }
 
-/// QSettings replaces the file by a new one that takes over the mode of the old one and never has a wider one.
+/// Makes the file with mode 0600. QSettings replaces it by a new file with the same mode or a narrower one.
 bool prepare(const QFileInfo &file)
 {
     QDir().mkpath(file.path());
-    // Some people keep their configuration elsewhere, behind links; QSettings then replaces what the link points to.
+    // Some people keep their configuration elsewhere, behind links. QSettings then replaces the target of the link.
     const QString path = file.exists() ? file.canonicalFilePath() : file.filePath();
     const auto ensured = PrivateFile::ensure(QFile::encodeName(path).constData());
     if (!ensured)
@@ -35,7 +35,7 @@ bool prepare(const QFileInfo &file)
     return ensured.has_value();
 }
 
-/// Applies `change` and writes it to the disk at once, as a whole.
+/// Applies `change` and writes it to the disk at once, all of it or nothing.
 template <typename Change>
 void update(Change change)
 {

@@ -25,7 +25,6 @@ HttpResult ask(const HttpRequest &request)
     });
     EXPECT_EQ(completions, 0) << "completed inside the call";
     EXPECT_TRUE(waitFor([&] { return completions > 0; }));
-    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
     EXPECT_EQ(completions, 1);
     return got;
 }
@@ -48,51 +47,47 @@ auto always(const HttpsServer::Reply &reply)
 TEST(HttpClient, SaysWhatCameAndSendsEachRequestOnce)
 {
     const QByteArray large(HttpClient::maxBody, 'x');
+    const QByteArray nine = "HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\n{}";
+    const QByteArray chunk = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n2\r\n{}\r\n";
     const struct {
         const char *name;
         HttpsServer::Reply reply;
-        std::optional<int> status;
-        bool failed;
-        QByteArray body;
+        HttpResult result;
     } rows[] = {
-        {"a response", {response("200 OK", "{}")}, 200, false, "{}"},
-        {"a response on an open connection", {response("200 OK", "{}"), true}, 200, false, "{}"},
-        {"a body that ends with the connection", {"HTTP/1.1 200 OK\r\n\r\n{}"}, 200, false, "{}"},
-        {"chunks",
-         {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n2\r\n{}\r\n0\r\n\r\n", true},
-         200,
-         false,
-         "{}"},
-        {"no content", {"HTTP/1.1 204 No Content\r\n\r\n", true}, 204, false, ""},
-        {"a reset", {response("205 Reset Content", "")}, 205, false, ""},
-        {"a bare refusal", {response("401 Unauthorized", "")}, 401, false, ""},
-        {"a challenge", {response("401 No", "{}", "WWW-Authenticate: Basic realm=\"x\"\r\n"), true}, 401, false, "{}"},
-        {"a Kerberos challenge", {response("401 No", "", "WWW-Authenticate: Negotiate\r\n"), true}, 401, false, ""},
-        {"an error page", {response("500 Oh", "<html>")}, 500, false, "<html>"},
-        {"a redirect to nowhere", {response("302 Found", "")}, 302, false, ""},
-        {"the largest body", {response("200 OK", large)}, 200, false, large},
-        {"too large a body", {response("200 OK", large + 'x')}, 200, true, ""},
-        {"a body cut off", {"HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\n{}"}, 200, true, ""},
-        {"chunks cut off", {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n2\r\n{}\r\n"}, 200, true, ""},
-        {"a body that stalls", {"HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\n{}", true}, 200, true, ""},
-        {"a header cut off", {"HTTP/1.1 200 OK\r\nContent-"}, std::nullopt, true, ""},
-        {"nothing, and no end", {"", true}, std::nullopt, true, ""},
-        {"nothing", {""}, std::nullopt, true, ""},
+        {"a response", {response("200 OK", "{}")}, {200, false, "{}"}},
+        {"a response on an open connection", {response("200 OK", "{}"), true}, {200, false, "{}"}},
+        {"a body that ends with the connection", {"HTTP/1.1 200 OK\r\n\r\n{}"}, {200, false, "{}"}},
+        {"chunks", {chunk + "0\r\n\r\n", true}, {200, false, "{}"}},
+        {"no content", {"HTTP/1.1 204 No Content\r\n\r\n", true}, {204, false}},
+        {"a bare refusal", {response("401 Unauthorized", "")}, {401, false}},
+        {"a challenge",
+         {response("401 No", "{}", "WWW-Authenticate: Basic realm=\"x\"\r\n"), true},
+         {401, false, "{}"}},
+        {"a Kerberos challenge", {response("401 No", "", "WWW-Authenticate: Negotiate\r\n"), true}, {401, false}},
+        {"an error page", {response("500 Oh", "<html>")}, {500, false, "<html>"}},
+        {"a redirect to nowhere", {response("302 Found", "")}, {302, false}},
+        {"the largest body", {response("200 OK", large)}, {200, false, large}},
+        {"too large a body", {response("200 OK", large + 'x')}, {200, true}},
+        {"a body cut off", {nine}, {200, true}},
+        {"chunks cut off", {chunk}, {200, true}},
+        {"a body that stalls", {nine, true}, {200, true}},
+        {"a header cut off", {"HTTP/1.1 200 OK\r\nContent-"}, {std::nullopt, true}},
+        {"nothing, and no end", {"", true}, {std::nullopt, true}},
+        {"nothing", {""}, {std::nullopt, true}},
     };
-    for (const auto &row : rows) {
+    for (const auto &row : rows)
         for (const auto &make : {get, post}) {
             SCOPED_TRACE(row.name);
             const HttpsServer server(always(row.reply));
             HttpRequest request = make(server.address("/"));
-            if (row.reply.open && row.failed)
-                request.idleTimeout = 1500ms;
+            if (row.reply.open && row.result.failed)
+                request.idleTimeout = 500ms;
             const HttpResult result = ask(request);
-            EXPECT_EQ(result.status, row.status);
-            EXPECT_EQ(result.failed, row.failed);
-            EXPECT_TRUE(result.body == row.body) << result.body.left(80).toStdString();
+            EXPECT_EQ(result.status, row.result.status);
+            EXPECT_EQ(result.failed, row.result.failed);
+            EXPECT_TRUE(result.body == row.result.body) << result.body.left(80).toStdString();
             EXPECT_EQ(server.requests().size(), 1);
         }
-    }
 }
 
 TEST(HttpClient, ARequestOnAConnectionThatTheServerGivesUpIsNotSentAgain)
@@ -137,41 +132,32 @@ TEST(HttpClient, ALineEndInAHeaderIsNeverSent)
 
 TEST(HttpClient, ARedirectKeepsTheTokenAtItsOriginAndTheMethodWhereItsStatusSays)
 {
-    const struct {
-        const char *status;
-        const char *line;
-        bool body;
-    } rows[] = {
-        {"301 Moved", "GET /to?x=1 HTTP/1.1\r\n", false},     {"302 Found", "GET /to?x=1 HTTP/1.1\r\n", false},
-        {"303 See Other", "GET /to?x=1 HTTP/1.1\r\n", false}, {"307 Elsewhere", "POST /to?x=1 HTTP/1.1\r\n", true},
-        {"308 Elsewhere", "POST /to?x=1 HTTP/1.1\r\n", true},
-    };
-    for (const auto &row : rows) {
+    const std::pair<const char *, bool> rows[] = {
+        {"301 Moved", false}, {"302 Found", false}, {"303 Other", false}, {"307 There", true}, {"308 There", true}};
+    for (const auto &[status, keepsBody] : rows)
         for (const bool elsewhere : {false, true}) {
-            SCOPED_TRACE(row.status);
+            SCOPED_TRACE(status);
             const HttpsServer other(always({response("200 OK", "there")}));
             const QByteArray location = elsewhere ? other.address("/to?x=1") : QByteArray("to?x=1");
-            const HttpsServer server([&](const QByteArray &request) -> HttpsServer::Reply {
-                if (request.contains(" /from "))
-                    return {response(row.status, "moved", "Location: " + location + "\r\n"), true};
-                return {response("200 OK", "here"), true};
+            const QByteArray moved = response(status, "moved", "Location: " + location + "\r\n");
+            const HttpsServer server([&](const QByteArray &request) {
+                return HttpsServer::Reply{request.contains(" /from ") ? moved : response("200 OK", "here"), true};
             });
             HttpRequest request = post(server.address("/from"));
             request.authorization = "Bearer x";
             const HttpResult result = ask(request);
-            if (elsewhere && row.body) {
+            if (elsewhere && keepsBody) {
                 EXPECT_EQ(result.body, "moved");
                 EXPECT_THAT(other.requests(), IsEmpty()) << "a body stays at its origin, as a token does";
                 continue;
             }
             EXPECT_EQ(result.body, elsewhere ? "there" : "here");
             const QByteArray last = elsewhere ? other.requests().value(0) : server.requests().value(1);
-            EXPECT_THAT(last.toStdString(), StartsWith(row.line));
-            EXPECT_EQ(last.endsWith("\r\n\r\nbody"), row.body);
-            EXPECT_EQ(last.contains("content-type: text/x\r\n"), row.body);
+            EXPECT_TRUE(last.startsWith(keepsBody ? "POST /to?x=1 HTTP/1.1\r\n" : "GET /to?x=1 HTTP/1.1\r\n"));
+            EXPECT_EQ(last.endsWith("\r\n\r\nbody"), keepsBody);
+            EXPECT_EQ(last.contains("content-type: text/x\r\n"), keepsBody);
             EXPECT_EQ(last.contains("authorization: Bearer x\r\n"), !elsewhere);
         }
-    }
 }
 
 TEST(HttpClient, ARedirectThatIsNotFollowedIsTheResponse)

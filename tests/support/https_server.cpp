@@ -1,51 +1,36 @@
 // SPDX-License-Identifier: MIT
 #include "https_server.h"
 
+#include "files.h"
+
 #include <QEventLoop>
-#include <QFile>
 #include <QSslConfiguration>
 #include <QSslKey>
 #include <QSslServer>
 #include <QSslSocket>
 
-#include <cctype>
-#include <semaphore>
-
-using namespace Qt::StringLiterals;
-
 namespace {
 
-QByteArray content(const QString &file)
+QByteArray content(const QByteArray &name)
 {
-    QFile opened(u"/tmp/certificates/"_s + file);
-    return opened.open(QIODevice::ReadOnly) ? opened.readAll() : QByteArray();
+    return contentOf(QString::fromLatin1("/tmp/certificates/" + name));
 }
 
 bool trustTheAuthority()
 {
     QSslConfiguration trusting = QSslConfiguration::defaultConfiguration();
-    trusting.setCaCertificates({QSslCertificate(content(u"trusted.pem"_s))});
+    trusting.setCaCertificates({QSslCertificate(content("trusted.pem"))});
     QSslConfiguration::setDefaultConfiguration(trusting);
     return true;
 }
 
-/// The names of a header mean the same in any case, and versions of Qt send them in different ones.
+/// The names in a header mean the same in any case, and versions of Qt send them in different ones.
 QByteArray withLowerNames(QByteArray header)
 {
-    bool isName = false; // the first line has none
-    for (char &letter : header) {
-        if (letter == '\n' || letter == ':')
-            isName = letter == '\n';
-        else if (isName)
-            letter = static_cast<char>(std::tolower(static_cast<unsigned char>(letter)));
-    }
+    qsizetype line = header.indexOf('\n'); // the first line has no name
+    for (qsizetype end = 0; (end = header.indexOf(':', line)) >= 0; line = header.indexOf('\n', end))
+        header.replace(line, end - line, header.mid(line, end - line).toLower());
     return header;
-}
-
-qsizetype bodySize(const QByteArray &header)
-{
-    const qsizetype field = header.indexOf("\ncontent-length: ");
-    return field < 0 ? 0 : header.mid(field + 17, header.indexOf("\r\n", field) - field - 17).toLongLong();
 }
 
 } // namespace
@@ -53,32 +38,8 @@ qsizetype bodySize(const QByteArray &header)
 HttpsServer::HttpsServer(Answer answer, const char *certificate, quint16 port) : answer_(std::move(answer)), port_(port)
 {
     [[maybe_unused]] static const bool trusted = trustTheAuthority();
-    std::binary_semaphore listening(0); // the sanitizers do not see what Qt's own synchronises
-    thread_ = std::thread([this, &listening, name = QString::fromLatin1(certificate)] {
-        QEventLoop events; // first, since a thread that Qt did not start cannot watch sockets before
-        QSslServer server;
-        QSslConfiguration identity;
-        identity.setLocalCertificate(QSslCertificate(content(name + u".pem"_s)));
-        identity.setPrivateKey(QSslKey(content(name + u".key"_s), QSsl::Ec));
-        server.setSslConfiguration(identity);
-        QObject::connect(&server, &QSslServer::pendingConnectionAvailable, &server, [this, &server] {
-            auto *const socket = qobject_cast<QSslSocket *>(server.nextPendingConnection());
-            const std::scoped_lock lock(guard_);
-            ++connections_;
-            QObject::connect(socket, &QSslSocket::readyRead, socket,
-                             [this, socket, received = QByteArray()]() mutable { read(*socket, received); });
-            if (socket->bytesAvailable() > 0)
-                QMetaObject::invokeMethod(socket, &QSslSocket::readyRead, Qt::QueuedConnection);
-        });
-        if (!server.listen(QHostAddress::LocalHost, port_))
-            qFatal("The test's server cannot listen.");
-        port_ = server.serverPort();
-        events_ = &events;
-        listening.release();
-        while (!ending_)
-            events.processEvents(QEventLoop::WaitForMoreEvents);
-    });
-    listening.acquire();
+    thread_ = std::thread([this, certificate] { serve(certificate); });
+    listening_.acquire();
 }
 
 HttpsServer::~HttpsServer()
@@ -88,6 +49,32 @@ HttpsServer::~HttpsServer()
     thread_.join();
 }
 
+void HttpsServer::serve(const QByteArray &certificate)
+{
+    QEventLoop events; // first, since a thread that Qt did not start cannot watch sockets before
+    QSslServer server;
+    QSslConfiguration identity;
+    identity.setLocalCertificate(QSslCertificate(content(certificate + ".pem")));
+    identity.setPrivateKey(QSslKey(content(certificate + ".key"), QSsl::Ec));
+    server.setSslConfiguration(identity);
+    QObject::connect(&server, &QSslServer::pendingConnectionAvailable, &server, [this, &server] {
+        auto *const socket = qobject_cast<QSslSocket *>(server.nextPendingConnection());
+        const std::scoped_lock lock(guard_);
+        ++connections_;
+        QObject::connect(socket, &QSslSocket::readyRead, socket,
+                         [this, socket, received = QByteArray()]() mutable { read(*socket, received); });
+        if (socket->bytesAvailable() > 0)
+            QMetaObject::invokeMethod(socket, &QSslSocket::readyRead, Qt::QueuedConnection);
+    });
+    if (!server.listen(QHostAddress::LocalHost, port_))
+        qFatal("The test's server cannot listen.");
+    port_ = server.serverPort();
+    events_ = &events;
+    listening_.release();
+    while (!ending_)
+        events.processEvents(QEventLoop::WaitForMoreEvents);
+}
+
 void HttpsServer::read(QSslSocket &socket, QByteArray &received)
 {
     received += socket.readAll();
@@ -95,7 +82,8 @@ void HttpsServer::read(QSslSocket &socket, QByteArray &received)
     if (header < 4)
         return;
     received = withLowerNames(received.left(header)) + received.mid(header);
-    if (received.size() < header + bodySize(received.left(header)))
+    const qsizetype length = received.indexOf("\ncontent-length: ");
+    if (length >= 0 && received.size() < header + received.mid(length + 17).split('\r')[0].toLongLong())
         return;
     {
         const std::scoped_lock lock(guard_);

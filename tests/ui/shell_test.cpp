@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+#include "files.h"
 #include "quit_signals.h"
 #include "single_instance.h"
 #include "text_field.h"
@@ -9,11 +10,11 @@
 
 #include <QApplication>
 #include <QDBusConnection>
-#include <QFile>
 #include <QLocalServer>
 #include <QProcess>
 #include <QSignalSpy>
 #include <QTest>
+#include <QTimer>
 #include <QWindow>
 
 #include <csignal>
@@ -21,47 +22,95 @@
 #include <xcb/xcb.h>
 
 using namespace Qt::StringLiterals;
+using namespace std::chrono_literals;
 
 namespace {
 
-class ShellTest : public UiTest {};
+template <typename T>
+using XReply = std::unique_ptr<T, decltype(&std::free)>;
+
+xcb_connection_t *screen()
+{
+    return qGuiApp->nativeInterface<QNativeInterface::QX11Application>()->connection();
+}
+
+xcb_window_t root()
+{
+    return xcb_setup_roots_iterator(xcb_get_setup(screen())).data->root;
+}
+
+xcb_atom_t atom(const QByteArray &name)
+{
+    const auto request = xcb_intern_atom(screen(), 0, static_cast<uint16_t>(name.size()), name.constData());
+    return XReply<xcb_intern_atom_reply_t>(xcb_intern_atom_reply(screen(), request, nullptr), &std::free)->atom;
+}
+
+void sendMessage(xcb_window_t window, const char *type, const char *content, int index)
+{
+    xcb_client_message_event_t event{XCB_CLIENT_MESSAGE, 32, 0, window, atom(type), {}};
+    event.data.data32[index] = atom(content);
+    xcb_send_event(screen(), 0, window, window == root() ? XCB_EVENT_MASK_STRUCTURE_NOTIFY : XCB_EVENT_MASK_NO_EVENT,
+                   reinterpret_cast<char *>(&event));
+    xcb_flush(screen());
+}
+
+/// The window, of any process, that has the keyboard; none when no window is on the screen.
+xcb_window_t activeWindow()
+{
+    const auto request = xcb_get_input_focus(screen());
+    const auto focus =
+        XReply<xcb_get_input_focus_reply_t>(xcb_get_input_focus_reply(screen(), request, nullptr), &std::free)->focus;
+    return focus == root() || focus == XCB_INPUT_FOCUS_POINTER_ROOT ? xcb_window_t{XCB_WINDOW_NONE} : focus;
+}
+
+bool hasWindow()
+{
+    return activeWindow() != XCB_WINDOW_NONE;
+}
 
 /// A status bar on the X screen, which announces itself and takes every item.
-class Bar {
+class ScreenBar {
 public:
-    Bar()
+    ScreenBar()
     {
-        bar_.create();
-        own(static_cast<xcb_window_t>(bar_.winId()));
-        xcb_client_message_event_t coming{};
-        coming.response_type = XCB_CLIENT_MESSAGE;
-        coming.format = 32;
-        coming.window = xcb_setup_roots_iterator(xcb_get_setup(screen_)).data->root;
-        coming.type = atom("MANAGER");
-        coming.data.data32[1] = atom("_NET_SYSTEM_TRAY_S0");
-        xcb_send_event(screen_, 0, coming.window, XCB_EVENT_MASK_STRUCTURE_NOTIFY, reinterpret_cast<char *>(&coming));
-        xcb_flush(screen_);
+        window_.create();
+        own(static_cast<xcb_window_t>(window_.winId()));
+        sendMessage(root(), "MANAGER", "_NET_SYSTEM_TRAY_S0", 1);
     }
-    ~Bar() { own(XCB_WINDOW_NONE); }
-    Bar(const Bar &) = delete;
-    Bar &operator=(const Bar &) = delete;
+    ~ScreenBar() { own(XCB_WINDOW_NONE); }
+    ScreenBar(const ScreenBar &) = delete;
+    ScreenBar &operator=(const ScreenBar &) = delete;
 
 private:
-    xcb_atom_t atom(const QByteArray &name)
+    static void own(xcb_window_t owner)
     {
-        const auto cookie = xcb_intern_atom(screen_, 0, static_cast<uint16_t>(name.size()), name.constData());
-        const std::unique_ptr<xcb_intern_atom_reply_t, decltype(&free)> reply(
-            xcb_intern_atom_reply(screen_, cookie, nullptr), &free);
-        return reply->atom;
-    }
-    void own(xcb_window_t owner)
-    {
-        xcb_set_selection_owner(screen_, owner, atom("_NET_SYSTEM_TRAY_S0"), XCB_CURRENT_TIME);
-        xcb_flush(screen_);
+        xcb_set_selection_owner(screen(), owner, atom("_NET_SYSTEM_TRAY_S0"), XCB_CURRENT_TIME);
+        xcb_flush(screen());
     }
 
-    xcb_connection_t *screen_ = qGuiApp->nativeInterface<QNativeInterface::QX11Application>()->connection();
-    QWindow bar_;
+    QWindow window_;
+};
+
+/// The keeper of the status items on the session bus.
+class ItemWatcher : public QObject {
+    Q_OBJECT
+    Q_CLASSINFO("D-Bus Interface", "org.kde.StatusNotifierWatcher")
+    Q_PROPERTY(bool IsStatusNotifierHostRegistered MEMBER hasBar)
+
+public:
+    ItemWatcher() { bus.registerObject(u"/StatusNotifierWatcher"_s, this, QDBusConnection::ExportAllContents); }
+    ~ItemWatcher() override { bus.unregisterService(name); }
+
+    bool hasBar = true;
+    QStringList items;
+    const QString name = u"org.kde.StatusNotifierWatcher"_s;
+    QDBusConnection bus = QDBusConnection::sessionBus();
+
+public slots:
+    void RegisterStatusNotifierItem(const QString &item) { items += item; }
+
+signals:
+    void StatusNotifierHostRegistered();
 };
 
 /// The real program, on the test's screen and session bus.
@@ -81,21 +130,23 @@ public:
     /// Once it handles SIGTERM it is past everything that may keep it from starting.
     bool running() const
     {
-        QFile status(u"/proc/%1/status"_s.arg(process_.processId()));
-        if (!status.open(QIODevice::ReadOnly))
-            return false;
-        const QByteArray all = status.readAll();
-        const qsizetype at = all.indexOf("SigCgt:") + 7;
-        return (all.mid(at, all.indexOf('\n', at) - at).trimmed().toULongLong(nullptr, 16) >> (SIGTERM - 1) & 1) != 0;
+        const QByteArray status = contentOf(u"/proc/%1/status"_s.arg(process_.processId()));
+        const QByteArray caught = status.mid(status.indexOf("SigCgt:") + 7, 18).trimmed();
+        return (caught.toULongLong(nullptr, 16) >> (SIGTERM - 1) & 1) != 0;
     }
-
     bool ended() const { return process_.state() == QProcess::NotRunning; }
-    bool endedCleanly() const { return process_.exitStatus() == QProcess::NormalExit && process_.exitCode() == 0; }
-    void terminate() { process_.terminate(); }
+    bool endsCleanly() const
+    {
+        return waitFor([this] { return ended(); }) && process_.exitStatus() == QProcess::NormalExit &&
+               process_.exitCode() == 0;
+    }
+    void signal(int number) const { ::kill(static_cast<pid_t>(process_.processId()), number); }
 
 private:
     QProcess process_;
 };
+
+class ShellTest : public UiTest {};
 
 } // namespace
 
@@ -108,47 +159,68 @@ TEST_F(ShellTest, TheRememberedCredentialsFillTheForm)
     EXPECT_EQ(QApplication::focusWidget(), form().connectButton);
 }
 
-TEST_F(ShellTest, AReopenBringsBackTheSameWindowAndTheStatusItemStays)
-{
-    const Bar bar;
-    launch();
-    const QWidget *const window = delegate_->window.get();
-    EXPECT_TRUE(delegate_->applicationShouldHandleReopen(true));
-    delegate_->window->close();
-    EXPECT_FALSE(window->isVisible());
-    EXPECT_TRUE(delegate_->statusItem->isVisible());
-
-    EXPECT_TRUE(delegate_->applicationShouldHandleReopen(false));
-    EXPECT_EQ(delegate_->window.get(), window);
-    EXPECT_TRUE(QTest::qWaitForWindowActive(delegate_->window.get()));
-    EXPECT_TRUE(form().isVisible());
-}
-
-TEST_F(ShellTest, AStatusBarThatComesLaterGetsTheItemWithItsImageAndMenu)
+TEST_F(ShellTest, AStatusBarThatComesLaterGetsTheItemWhoseMenuOutlivesTheWindow)
 {
     launch();
     EXPECT_EQ(delegate_->statusItem, nullptr); // Qt would make one that no later bar shows
-    const Bar bar;
+    const ScreenBar bar;
     ASSERT_TRUE(waitFor([this] { return delegate_->statusItem != nullptr; }));
-    EXPECT_EQ(delegate_->statusItem->icon().isMask(), false);
-    EXPECT_FALSE(delegate_->statusItem->icon().pixmap(22).isNull());
-    ASSERT_EQ(delegate_->statusItem->contextMenu(), delegate_->statusMemu);
-    EXPECT_EQ(delegate_->statusMemu->actions().constFirst(), delegate_->connectItem);
-    emit delegate_->statusItem->activated(QSystemTrayIcon::Trigger);
+    QSystemTrayIcon &item = *delegate_->statusItem;
+    EXPECT_FALSE(item.icon().isMask());
+    EXPECT_FALSE(item.icon().pixmap(22).isNull());
+    EXPECT_EQ(item.toolTip(), u"Corvale"_s);
+    ASSERT_EQ(item.contextMenu(), delegate_->statusMemu);
+    emit item.activated(QSystemTrayIcon::Trigger);
     EXPECT_TRUE(delegate_->statusMemu->isVisible());
     delegate_->statusMemu->close();
+
+    QStringList titles;
+    for (const QAction *const action : delegate_->statusMemu->actions())
+        titles += action->text();
+    EXPECT_EQ(titles, (QStringList{u"Conectar"_s, u"Mostrar ventana"_s, u""_s, u"Salir"_s}));
+    const QWidget *const window = delegate_->window.get();
+    delegate_->window->close();
+    EXPECT_TRUE(item.isVisible());
+    delegate_->statusMemu->actions()[1]->trigger();
+    EXPECT_EQ(delegate_->window.get(), window);
+    EXPECT_TRUE(QTest::qWaitForWindowActive(delegate_->window.get()));
+    EXPECT_TRUE(form().isVisible());
+
+    QTimer::singleShot(0, delegate_->statusMemu->actions()[3], &QAction::trigger);
+    QTimer::singleShot(5s, delegate_.get(), [] { QCoreApplication::exit(1); });
+    EXPECT_EQ(QApplication::exec(), 0);
+}
+
+TEST_F(ShellTest, AStatusBarOnTheSessionBusGetsTheItemWheneverItComes)
+{
+    for (const bool watcherFirst : {true, false})
+        for (const bool barFirst : {true, false}) {
+            ItemWatcher watcher;
+            watcher.hasBar = barFirst;
+            if (watcherFirst)
+                watcher.bus.registerService(watcher.name);
+            const Client client;
+            ASSERT_TRUE(waitFor(hasWindow));
+            watcher.bus.registerService(watcher.name);
+            if (!barFirst) {
+                watcher.hasBar = true;
+                emit watcher.StatusNotifierHostRegistered();
+            }
+            EXPECT_TRUE(waitFor([&] { return !watcher.items.isEmpty(); })) << watcherFirst << barFirst;
+            client.signal(SIGTERM);
+            EXPECT_TRUE(client.endsCleanly());
+        }
 }
 
 TEST_F(ShellTest, WhateverIsWrongWithTheInterfaceFileTheLaunchGoesOn)
 {
-    const Bar bar;
-    struct Row {
+    const ScreenBar bar;
+    const struct {
         const char *is;
         const char *becomes; ///< null: there is no file
         bool window;
         bool form;
-    };
-    const Row rows[] = {
+    } rows[] = {
         {"", nullptr, false, false},
         {"<ui version", "<<", false, false},
         {"\"MainWindowController\" name=\"mainW", "\"QWidget\" name=\"mainW", false, true},
@@ -157,17 +229,13 @@ TEST_F(ShellTest, WhateverIsWrongWithTheInterfaceFileTheLaunchGoesOn)
         {"name=\"rememberText\"", "name=\"other\"", true, false},
         {"\"TextField\" name=\"emailEdit\"", "\"QTextEdit\" name=\"emailEdit\"", true, false},
     };
-    QFile shipped(QStringLiteral(CORVALE_BUNDLE "/Contents/Resources/Main.ui"));
-    ASSERT_TRUE(shipped.open(QIODevice::ReadOnly));
-    const QByteArray whole = shipped.readAll();
-    for (const Row &row : rows) {
+    const QByteArray whole = contentOf(resource(u"Main.ui"_s));
+    for (const auto &row : rows) {
         SCOPED_TRACE(row.is);
+        ASSERT_TRUE(whole.contains(row.is));
         QFile::remove(resource(u"Main.ui"_s));
-        if (row.becomes) {
-            QFile spoilt(resource(u"Main.ui"_s));
-            ASSERT_TRUE(whole.contains(row.is) && spoilt.open(QIODevice::WriteOnly));
-            spoilt.write(QByteArray(whole).replace(row.is, row.becomes));
-        }
+        if (row.becomes)
+            writeFile(resource(u"Main.ui"_s), QByteArray(whole).replace(row.is, row.becomes));
         delegate_.reset();
         delegate_ = std::make_unique<AppDelegate>();
         delegate_->applicationDidFinishLaunching();
@@ -180,7 +248,7 @@ TEST_F(ShellTest, WhateverIsWrongWithTheInterfaceFileTheLaunchGoesOn)
     }
 }
 
-TEST_F(ShellTest, ASecondStartAsksTheFirstToComeBackAndEnds)
+TEST_F(ShellTest, ASecondStartHandsItsTokenToTheFirstAndEnds)
 {
     SingleInstance first;
     ASSERT_TRUE(first.claim());
@@ -188,32 +256,41 @@ TEST_F(ShellTest, ASecondStartAsksTheFirstToComeBackAndEnds)
     qputenv("XDG_ACTIVATION_TOKEN", "t0ken");
     const Client second;
     qunsetenv("XDG_ACTIVATION_TOKEN");
-    ASSERT_TRUE(waitFor([&] { return second.ended(); }));
-    EXPECT_TRUE(second.endedCleanly());
-    ASSERT_EQ(activated.count(), 1);
-    EXPECT_EQ(activated.at(0).at(0), u"t0ken"_s);
+    EXPECT_TRUE(second.endsCleanly());
+    EXPECT_EQ(activated.value(0).value(0), u"t0ken"_s);
     QDBusConnection::sessionBus().unregisterService(u"com.corvale.macos"_s);
+}
+
+TEST_F(ShellTest, AClosedWindowLeavesTheClientRunningAndASecondStartBringsItBack)
+{
+    const Client first;
+    ASSERT_TRUE(waitFor(hasWindow));
+    sendMessage(activeWindow(), "WM_PROTOCOLS", "WM_DELETE_WINDOW", 0);
+    ASSERT_TRUE(waitFor(std::not_fn(hasWindow)));
+    first.signal(SIGSTOP); // busy
+    EXPECT_TRUE(Client().endsCleanly());
+    first.signal(SIGCONT);
+    EXPECT_TRUE(waitFor(hasWindow));
+    first.signal(SIGTERM);
+    EXPECT_TRUE(first.endsCleanly());
 }
 
 TEST_F(ShellTest, TheClientStartsWhateverTheSessionBusDoesAndEndsWhenAsked)
 {
     QLocalServer silent;
     ASSERT_TRUE(silent.listen(u"silent-bus"_s));
-    for (const QByteArray &bus : {qgetenv("DBUS_SESSION_BUS_ADDRESS"), QByteArray("unix:path=/nonexistent"),
-                                  "unix:path=" + QFile::encodeName(silent.fullServerName())}) {
-        Client client(bus);
-        ASSERT_TRUE(waitFor([&] { return client.running(); })) << bus.constData();
-        client.terminate();
-        ASSERT_TRUE(waitFor([&] { return client.ended(); }));
-        EXPECT_TRUE(client.endedCleanly());
+    for (const QByteArray &bus :
+         {QByteArray("unix:path=/nonexistent"), "unix:path=" + QFile::encodeName(silent.fullServerName())}) {
+        const Client client(bus);
+        EXPECT_TRUE(waitFor([&] { return client.running(); })) << bus.constData();
+        client.signal(SIGTERM);
+        EXPECT_TRUE(client.endsCleanly());
     }
 }
 
 TEST_F(ShellTest, AHelperThatCannotBeInstalledEndsTheClient)
 {
-    const Client client(qgetenv("DBUS_SESSION_BUS_ADDRESS"), "unix:path=/nonexistent");
-    ASSERT_TRUE(waitFor([&] { return client.ended(); }));
-    EXPECT_TRUE(client.endedCleanly());
+    EXPECT_TRUE(Client(qgetenv("DBUS_SESSION_BUS_ADDRESS"), "unix:path=/nonexistent").endsCleanly());
 }
 
 TEST(QuitSignals, AProcessThatIsTooBusyEndsAllTheSame)
@@ -224,7 +301,9 @@ TEST(QuitSignals, AProcessThatIsTooBusyEndsAllTheSame)
             const QuitSignals quitSignals;
             raise(SIGTERM);
             while (true)
-                std::this_thread::sleep_for(std::chrono::milliseconds(10));
+                std::this_thread::sleep_for(10ms);
         },
         testing::ExitedWithCode(0), "");
 }
+
+#include "shell_test.moc"

@@ -9,16 +9,12 @@
 
 #include <QApplication>
 #include <QDir>
+#include <QSignalSpy>
 #include <QTest>
 
 using namespace Qt::StringLiterals;
 
-QString resource(const QString &name)
-{
-    return Bundle::location() + u"/Contents/Resources/"_s + name;
-}
-
-void restoreResources()
+UiTest::UiTest()
 {
     const QDir shipped(QStringLiteral(CORVALE_BUNDLE "/Contents/Resources"));
     QDir().mkpath(resource({}));
@@ -27,17 +23,14 @@ void restoreResources()
         QFile::link(shipped.filePath(name), resource(name));
     }
     QFile::link(QStringLiteral(CORVALE_BUNDLE "/Contents/Library"), Bundle::location() + u"/Contents/Library"_s);
-}
-
-UiTest::UiTest()
-{
-    restoreResources();
     UserDefaults::removeKeys({u"email"_s, u"password"_s});
     OpenVPNService::shared().setState(u"NOPROCESS"_s);
-    delegate_ = std::make_unique<AppDelegate>();
 }
 
-UiTest::~UiTest() = default;
+QString UiTest::resource(const QString &name)
+{
+    return Bundle::location() + u"/Contents/Resources/"_s + name;
+}
 
 void UiTest::launch()
 {
@@ -59,40 +52,24 @@ void UiTest::click(QWidget &widget)
 
 void UiTest::announce(const QString &state)
 {
-    bool heard = false;
-    const auto listening =
-        QObject::connect(&OpenVPNService::shared(), &OpenVPNService::OpenVPNStateDidChange, [&heard] { heard = true; });
+    QSignalSpy announced(&OpenVPNService::shared(), &OpenVPNService::OpenVPNStateDidChange);
     OpenVPNService::shared().updateState(state);
-    ASSERT_TRUE(waitFor([&heard] { return heard; }));
-    QObject::disconnect(listening);
+    ASSERT_TRUE(announced.count() > 0 || announced.wait());
 }
 
 QMessageBox *UiTest::alert()
 {
-    for (QWidget *const window : QApplication::topLevelWidgets())
-        if (auto *const box = qobject_cast<QMessageBox *>(window); box && box->isVisible())
-            return box;
-    return nullptr;
-}
-
-QString UiTest::alertText()
-{
-    return alert() ? alert()->text() : QString();
-}
-
-void UiTest::closeAlert()
-{
-    const QPointer<QMessageBox> closing = alert();
-    ASSERT_TRUE(closing && QTest::qWaitForWindowExposed(closing));
-    QTest::keyClick(closing, Qt::Key_Escape);
-    ASSERT_TRUE(waitFor([&closing] { return closing.isNull(); }));
+    return qobject_cast<QMessageBox *>(QApplication::activeModalWidget());
 }
 
 QString UiTest::nextAlert()
 {
     if (!waitFor([] { return alert() != nullptr; }))
         return {};
-    const QString text = alertText();
-    closeAlert();
+    const QPointer<QMessageBox> box = alert();
+    const QString text = box->text();
+    EXPECT_TRUE(QTest::qWaitForWindowExposed(box));
+    QTest::keyClick(box, Qt::Key_Escape);
+    EXPECT_TRUE(waitFor([&box] { return box.isNull(); }));
     return text;
 }

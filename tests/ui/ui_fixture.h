@@ -12,29 +12,23 @@
 #include <gmock/gmock.h>
 #include <memory>
 
-/// The bundle's resources as they are shipped, for this test to spoil.
-void restoreResources();
-QString resource(const QString &name);
-
-/// The launched application, without its event loop, on fresh user defaults and a tunnel service at rest.
+/// The application's delegate without the event loop, with fresh user defaults and a tunnel service at rest.
 class UiTest : public testing::Test {
 protected:
     UiTest();
-    ~UiTest() override;
 
     void launch();
     MainViewController &form() { return *delegate_->mainViewController; }
 
     void type(const QString &email, const QString &password);
-    void click(QWidget &widget);
+    static void click(QWidget &widget);
     /// Announces a state as the tunnel service does, and waits until the form has heard of it.
     static void announce(const QString &state);
 
     static QMessageBox *alert(); ///< the open one, or null
-    static QString alertText();
-    void closeAlert();
-    /// Waits for an alert and closes it; its text.
-    QString nextAlert();
+    static QString nextAlert();  ///< waits for an alert, closes it and returns its text
 
-    std::unique_ptr<AppDelegate> delegate_;
+    static QString resource(const QString &name); ///< its path in this program's own bundle, for tests to replace
+
+    std::unique_ptr<AppDelegate> delegate_ = std::make_unique<AppDelegate>();
 };

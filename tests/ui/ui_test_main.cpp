@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "background_queue.h"
+#include "dark_style.h"
 #include "helper_connection.h"
 #include "silent_helper.h"
-#include "styling.h"
 
 #include <QApplication>
 #include <QTemporaryDir>
@@ -22,7 +22,7 @@ int main(int argc, char *argv[])
     QApplication application(argc, argv);
     QApplication::setQuitOnLastWindowClosed(false);
     QApplication::setCursorFlashTime(0);
-    Styling::apply(application);
+    DarkStyle::apply(application);
     const SilentHelper helper;
     const int status = RUN_ALL_TESTS();
     HelperConnection::finish();
