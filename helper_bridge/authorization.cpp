@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "authorization.h"
 
-#include "no_timeout.h"
+#include "bus_call.h"
 #include "polkit.h"
 #include "system_log.h"
 

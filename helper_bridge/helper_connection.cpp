@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "helper_connection.h"
 
+#include "bus_call.h"
 #include "helper_session.h"
-#include "no_timeout.h"
 
 #include <QDBusError>
 #include <QDBusMessage>

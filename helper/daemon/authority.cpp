@@ -1,11 +1,10 @@
 // SPDX-License-Identifier: MIT
 #include "authority.h"
 
-#include "no_timeout.h"
+#include "bus_call.h"
 #include "polkit.h"
 
 #include <QDBusMessage>
-#include <QDBusPendingCallWatcher>
 
 using namespace Qt::StringLiterals;
 
@@ -36,10 +35,7 @@ void Authority::findUser(const QString &sender, UserHandler handler)
     auto question = QDBusMessage::createMethodCall(u"org.freedesktop.DBus"_s, u"/org/freedesktop/DBus"_s,
                                                    u"org.freedesktop.DBus"_s, u"GetConnectionUnixUser"_s);
     question << sender;
-    auto *const watcher = new QDBusPendingCallWatcher(bus_.asyncCall(question), this);
-    connect(watcher, &QDBusPendingCallWatcher::finished, this, [watcher, handler = std::move(handler)] {
-        watcher->deleteLater();
-        const QDBusMessage answer = watcher->reply();
+    whenAnswered(bus_.asyncCall(question), this, [handler = std::move(handler)](const QDBusMessage &answer) {
         if (answer.type() == QDBusMessage::ReplyMessage && answer.signature() == "u"_L1)
             handler(answer.arguments().constFirst().toUInt());
         else
@@ -60,11 +56,9 @@ std::shared_ptr<const void> Authority::takeQuota(uid_t uid)
 
 void Authority::askPolkit(const QString &sender, const QString &action, const Caller &caller, const Handler &handler)
 {
-    auto *const watcher =
-        new QDBusPendingCallWatcher(bus_.asyncCall(Polkit::question(sender, action, true), noTimeout), this);
-    connect(watcher, &QDBusPendingCallWatcher::finished, this, [=, this] {
-        watcher->deleteLater();
-        if (Polkit::answer(watcher->reply()) != Polkit::Answer::Yes) {
+    const auto call = bus_.asyncCall(Polkit::question(sender, action, true), noTimeout);
+    whenAnswered(call, this, [=, this](const QDBusMessage &answer) {
+        if (Polkit::answer(answer) != Polkit::Answer::Yes) {
             handler(tl::make_unexpected(notAuthorized));
             return;
         }

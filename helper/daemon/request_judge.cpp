@@ -92,7 +92,8 @@ void RequestJudge::readNext(uid_t uid)
         queues_.erase(uid);
         return;
     }
-    queue.files = std::make_unique<CallerFiles>(CallerFiles::callerOf(uid), filesOf(queue.waiting.front().request));
+    queue.files =
+        Deferred<CallerFiles>(new CallerFiles(CallerFiles::callerOf(uid), filesOf(queue.waiting.front().request)));
     queue.current = std::move(queue.waiting.front().handler);
     queue.waiting.pop_front();
     connect(queue.files.get(), &CallerFiles::read, this,
@@ -102,9 +103,7 @@ void RequestJudge::readNext(uid_t uid)
         refuseAll(uid, hanging);
     });
     connect(queue.files.get(), &CallerFiles::gone, this, [this, uid] {
-        Queue &over = queues_[uid];
-        over.hangs = false;
-        over.files.release()->deleteLater(); // it is what called
+        queues_[uid].files.reset();
         readNext(uid);
     });
 }

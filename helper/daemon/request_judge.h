@@ -2,6 +2,7 @@
 #pragma once
 
 #include "caller_files.h"
+#include "deferred.h"
 #include "helper_paths.h"
 #include "result.h"
 
@@ -47,8 +48,8 @@ private:
         Handler handler;
     };
     struct Queue {
-        std::unique_ptr<CallerFiles> files; ///< being read, or their child has yet to end
-        Handler current;                    ///< theirs; none once it was called
+        Deferred<CallerFiles> files; ///< being read, or their child has yet to end
+        Handler current;             ///< theirs; none once it was called
         std::deque<Waiting> waiting;
         bool hangs = false;
     };

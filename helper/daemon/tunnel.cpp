@@ -110,7 +110,7 @@ void Tunnel::start()
         fail({ErrorCode::Internal, "OpenVPN cannot be started: " + started.error().detail});
         return;
     }
-    process_ = *std::move(started);
+    process_.reset(started->release());
     phase_ = Phase::Running;
     connect(process_.get(), &ChildProcess::ended, this, &Tunnel::openvpnEnded);
     // Without the note OpenVPN still dies with the helper: the kernel sees to it.
@@ -166,15 +166,13 @@ bool Tunnel::isLeft() const
 void Tunnel::restore()
 {
     phase_ = Phase::Restoring;
-    // Deferred because this may be called from a signal of that very object.
-    if (process_)
-        process_.release()->deleteLater();
+    process_.reset();
     auto started = ChildProcess::start({paths_.clientDown});
     if (!started) {
         restored();
         return;
     }
-    process_ = *std::move(started);
+    process_.reset(started->release());
     connect(process_.get(), &ChildProcess::ended, this, &Tunnel::restored);
     end_.start();
 }
@@ -182,8 +180,7 @@ void Tunnel::restore()
 void Tunnel::restored()
 {
     end_.stop();
-    if (process_)
-        process_.release()->deleteLater();
+    process_.reset();
     QFile::remove(QFile::decodeName(paths_.processRecord()));
     // Whoever gets an answer finds everything cleaned up.
     if (unread_ == 0)

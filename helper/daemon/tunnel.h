@@ -2,6 +2,7 @@
 #pragma once
 
 #include "child_process.h"
+#include "deferred.h"
 #include "helper_paths.h"
 #include "read_watch.h"
 #include "result.h"
@@ -65,7 +66,7 @@ private:
     const HelperPaths paths_;
     Phase phase_ = Phase::Idle;
     std::optional<uid_t> owner_;
-    std::unique_ptr<ChildProcess> process_; ///< OpenVPN, or the script that restores
+    Deferred<ChildProcess> process_; ///< OpenVPN, or the script that restores
     std::unique_ptr<ReadWatch> watch_;
     const Timeouts timeouts_;
     QTimer end_;       ///< runs while a process that was asked to end has not
