@@ -45,8 +45,9 @@ def many_directives(own: str) -> str:
     own = own.replace("dev tun", '--dev "tun"').replace("vpn.corvale.example name", "'vpn.corvale.example'\"name\"")
     own = own.replace(REMOTE, '\t"remote"\t"vpn.corvale.example""1194"\t# home\n')
     return ("\ufeff##\t Hecho para Ana, señora de su túnel\n;dev tap\nsetenv FORWARD_COMPATIBLE 1\n"
-            "setenv CLIENT_CERT 0\nsetenv UV_ID 4f2c\nsetenv opt block-outside-dns\nsetenv opt tls-cert-profile insecure\n"
-            + own + "cipher AES-256-CBC\ndata-ciphers AES-256-GCM:AES-128-GCM:?CHACHA20-POLY1305\n"
+            "setenv CLIENT_CERT 0\nsetenv UV_ID 4f2c\nsetenv opt block-outside-dns\n"
+            "setenv opt tls-cert-profile insecure\n" + own +
+            "cipher AES-256-CBC\ndata-ciphers AES-256-GCM:AES-128-GCM:?CHACHA20-POLY1305\n"
             "ncp-ciphers AES-256-GCM:AES-128-GCM\ndata-ciphers-fallback AES-256-CBC\nauth SHA512\n"
             "tls-version-min 1.2\nblock-outside-dns\nregister-dns\nuser nobody\ngroup nogroup\nscript-security 2\n"
             "fast-io\nignore-unknown-option block-outside-dns\nauth-nocache\nroute-method exe\nnice -5\n"
