@@ -5,7 +5,7 @@ import time
 import machine
 import pytest
 from growth import STEADY, Growth
-from helper_calls import helper_pid
+from helper_calls import helper_pid, start_helper
 from session import quiet, wait_for
 from stage import CONNECTED, STOPPED, Stage
 from traces import check_as_before, nobody_waits_for, open_files
@@ -21,7 +21,7 @@ def test_many_connections_leave_nothing_behind(rested: tuple[Stage, dict], reque
     count = request.config.getoption("cycles")
     assert count >= STEADY + 5 * EVERY, "so few cycles show nothing"
     stage, before = rested
-    files, helper, began = open_files(stage), helper_pid(), time.monotonic()
+    files, helper, began = open_files(stage), start_helper(), time.monotonic()
     parts = Growth("client", stage.client.process.pid, 1024), Growth("helper", helper, 256)
     for cycle in range(1, count + 1):
         for title in (CONNECTED, STOPPED):
