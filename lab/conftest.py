@@ -17,6 +17,7 @@ def pytest_addoption(parser: pytest.Parser) -> None:
     parser.addoption("--cycles", type=int, default=100, help="how many connections the soak makes")
 
 
+@pytest.hookimpl(tryfirst=True)
 def pytest_collection_modifyitems(items: list[pytest.Item]) -> None:
     """What is not marked is fast, so that every scenario of this system is either fast or slow."""
     for item in items:
@@ -39,8 +40,9 @@ def pytest_runtest_makereport() -> Iterator[None]:
 
 
 @pytest.fixture(scope="session", autouse=True)
-def end(request: pytest.FixtureRequest) -> Iterator[None]:
-    """The first to be set up, and so the last to be done."""
+def whole(request: pytest.FixtureRequest) -> Iterator[None]:
+    """The first to be set up, when there is no tunnel yet, and the last to be done."""
+    machine.before()
     yield
     Session.finish_pictures()
     sanitizers.check(main_job=any(item.path.stem == "test_connect" for item in request.session.items))
@@ -49,7 +51,6 @@ def end(request: pytest.FixtureRequest) -> Iterator[None]:
 @pytest.fixture(scope="module")
 def session(request: pytest.FixtureRequest) -> Session:
     """The person's session. A module's SCREEN says what is different about it."""
-    machine.before()
     return Session(**getattr(request.module, "SCREEN", {}))
 
 

@@ -120,7 +120,7 @@ def while_it_lasts(stage: Stage, outcome: Outcome) -> None:
         return shown(stage, outcome.during, outcome.limit)
     time.sleep(1)
     if outcome.during:
-        assert stage.title() == outcome.during, "that is what the button shows meanwhile"
+        assert stage.title() == outcome.during
 
 
 def afterwards(stage: Stage, outcome: Outcome) -> None:

@@ -6,10 +6,12 @@ import signal
 import threading
 
 import machine
+import pytest
 from helper_calls import helper_pid, start_helper
 from session import log, wait_for
 from stage import CONNECTED, CONNECTING, Stage
 
+pytestmark = pytest.mark.slow
 CLICKS = 25
 
 

@@ -18,6 +18,7 @@ from helper_calls import (
 from session import BOOTED, PERSONAL, as_user, log, wait_for
 from stage import Stage
 
+pytestmark = pytest.mark.slow
 BUS = {"to": "org.freedesktop.DBus", "path": "/"}
 REQUEST = "org.freedesktop.DBus.RequestName"
 KILL = f"{HELPER}.killOpenVPN"

@@ -3,10 +3,13 @@
 import os
 import pathlib
 
+import pytest
 from helper_calls import HELPER, call, helper_pid
 from packages import BUILD, added, done, ended_by, files, make_package, repacked, same
 from session import HERE, Person, Session, log, wait_for
 from stage import Stage
+
+pytestmark = pytest.mark.slow
 
 
 def tells_version(version: str) -> bool:
