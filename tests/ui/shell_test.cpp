@@ -140,7 +140,11 @@ public:
         return waitFor([this] { return ended(); }) && process_.exitStatus() == QProcess::NormalExit &&
                process_.exitCode() == 0;
     }
-    void signal(int number) const { ::kill(static_cast<pid_t>(process_.processId()), number); }
+    void signal(int number) const
+    {
+        if (process_.processId() > 0) // 0 would be this process's own group
+            ::kill(static_cast<pid_t>(process_.processId()), number);
+    }
 
 private:
     QProcess process_;
