@@ -80,17 +80,11 @@ std::optional<QList<QByteArray>> words(const QByteArray &line)
     }
 }
 
-bool leadsTo(const QByteArray &line, const QByteArray &tag)
-{
-    const auto *const start = std::ranges::find_if_not(line, [](char c) { return isSpace(c); });
-    return line.sliced(start - line.begin()).startsWith(tag);
-}
-
 std::optional<QByteArray> body(Source &source, const QByteArray &name)
 {
     QByteArray text;
     while (const auto line = source.line(blockBuffer)) {
-        if (leadsTo(*line, "</" + name + '>'))
+        if (line->trimmed().startsWith("</" + name + '>'))
             return text;
         text += *line;
     }

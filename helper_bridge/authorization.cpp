@@ -1,27 +1,23 @@
 // SPDX-License-Identifier: MIT
 #include "authorization.h"
 
+#include "bus_call.h"
+#include "polkit.h"
 #include "system_log.h"
 
-#include <QDBusArgument>
 #include <QDBusConnection>
 #include <QDBusError>
 #include <QDBusMessage>
 
 #include <atomic>
-#include <limits>
 
 using namespace Qt::StringLiterals;
 
 namespace {
 
 using Authorization::Status;
-using Details = QMap<QString, QString>;
-
-// For Qt, and for the bus library below it, this very number means no limit; -1 would mean 25 seconds.
-constexpr int noTimeLimit = std::numeric_limits<int>::max();
-
-struct Verdict {
+/// The status of one right, and for a person why it was refused.
+struct Refusal {
     Status status;
     QString reason;
 };
@@ -46,52 +42,28 @@ private:
     QDBusConnection bus_;
 };
 
-QDBusMessage question(const QString &ourName, const QString &action, bool mayAsk)
+Refusal refusal(const QDBusMessage &reply)
 {
-    QDBusArgument subject;
-    subject.beginStructure();
-    subject << u"system-bus-name"_s << QVariantMap{{u"name"_s, ourName}};
-    subject.endStructure();
-    auto message =
-        QDBusMessage::createMethodCall(u"org.freedesktop.PolicyKit1"_s, u"/org/freedesktop/PolicyKit1/Authority"_s,
-                                       u"org.freedesktop.PolicyKit1.Authority"_s, u"CheckAuthorization"_s);
-    QDBusArgument details;
-    details.beginMap(QMetaType::fromType<QString>(), QMetaType::fromType<QString>());
-    details.endMap();
-    constexpr uint allowUserInteraction = 1;
-    message << QVariant::fromValue(subject) << action << QVariant::fromValue(details)
-            << (mayAsk ? allowUserInteraction : 0U) << QString();
-    return message;
-}
-
-Verdict verdict(const QDBusMessage &answer)
-{
-    if (answer.type() != QDBusMessage::ReplyMessage)
-        return {Authorization::internal, answer.errorName() + u": "_s + answer.errorMessage()};
-    if (answer.signature() != "(bba{ss})"_L1)
-        return {Authorization::internal, u"polkit's answer cannot be read."_s};
-    bool authorized = false;
-    bool challenge = false;
-    Details details;
-    const auto result = answer.arguments().constFirst().value<QDBusArgument>();
-    result.beginStructure();
-    result >> authorized >> challenge >> details;
-    result.endStructure();
-    if (authorized)
-        return {Authorization::success, {}};
-    if (details.contains(u"polkit.dismissed"_s))
-        return {Authorization::cancelled, u"The person who was asked for a password cancelled."_s};
-    if (challenge)
+    switch (Polkit::answer(reply)) {
+    case Polkit::Answer::Yes: return {Authorization::success, {}};
+    case Polkit::Answer::No: return {Authorization::denied, u"polkit does not allow it."_s};
+    case Polkit::Answer::NobodyToAsk:
         return {Authorization::interactionNotAllowed, u"A password is needed, and nobody can be asked for it."_s};
-    return {Authorization::denied, u"polkit does not allow it."_s};
+    case Polkit::Answer::Dismissed:
+        return {Authorization::cancelled, u"The person who was asked for a password cancelled."_s};
+    case Polkit::Answer::Unreadable: break;
+    }
+    const bool isError = reply.type() == QDBusMessage::ErrorMessage;
+    return {Authorization::internal,
+            isError ? reply.errorName() + u": "_s + reply.errorMessage() : u"polkit's answer cannot be read."_s};
 }
 
-Verdict obtain(const QString &action, bool mayAsk)
+Refusal obtain(const QString &action, bool mayAsk)
 {
     PrivateConnection bus;
     if (!bus->isConnected())
         return {Authorization::internal, bus->lastError().name() + u": "_s + bus->lastError().message()};
-    return verdict(bus->call(question(bus->baseService(), action, mayAsk), QDBus::Block, noTimeLimit));
+    return refusal(bus->call(Polkit::question(bus->baseService(), action, mayAsk), QDBus::Block, noTimeout));
 }
 
 } // namespace

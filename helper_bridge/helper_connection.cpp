@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "helper_connection.h"
 
+#include "bus_call.h"
 #include "helper_session.h"
 
 #include <QDBusError>
@@ -10,7 +11,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <limits>
 #include <set>
 #include <utility>
 #include <vector>
@@ -18,9 +18,6 @@
 using namespace Qt::StringLiterals;
 
 namespace {
-
-// For Qt, and for the bus library below it, this very number means no limit; -1 would mean 25 seconds.
-constexpr int noTimeLimit = std::numeric_limits<int>::max();
 
 /// What says that nobody can be reached under the helper's name, or that the bus or the helper keeps this client away.
 /// An ending dot stands for every name that goes on from there.
@@ -172,7 +169,7 @@ void HelperSession::send(const Message &message)
     auto call =
         QDBusMessage::createMethodCall(service, QString::fromLatin1(HelperNames::path), service, message.member);
     call.setArguments(message.arguments);
-    auto *const watcher = new QDBusPendingCallWatcher(bus_->asyncCall(call, noTimeLimit));
+    auto *const watcher = new QDBusPendingCallWatcher(bus_->asyncCall(call, noTimeout));
     pending_.emplace(watcher, message);
     connect(watcher, &QDBusPendingCallWatcher::finished, this, &HelperSession::finished);
 }
@@ -239,8 +236,7 @@ public:
 
     void killOpenVPN() override
     {
-        session_->enqueue(
-            {u"killOpenVPN"_s, {}, [](const QVariantList &) {}, errorHandler_});
+        session_->enqueue({u"killOpenVPN"_s, {}, [](const QVariantList &) {}, errorHandler_});
     }
 
 private:

@@ -66,7 +66,7 @@ bool replaceDescriptors(int failure)
 
 } // namespace
 
-std::unique_ptr<ChildProcess> ChildProcess::start(const QList<QByteArray> &command)
+Result<std::unique_ptr<ChildProcess>> ChildProcess::start(const QList<QByteArray> &command)
 {
     // Only read by execve, whose type says otherwise for the sake of old C.
     std::vector<char *> arguments;
@@ -79,16 +79,16 @@ std::unique_ptr<ChildProcess> ChildProcess::start(const QList<QByteArray> &comma
 
     int ends[2];
     if (::pipe2(ends, O_CLOEXEC) != 0)
-        return nullptr;
+        return systemFailure(errno);
     const Descriptor failed(ends[0]);
-    Descriptor failure(ends[1]);
+    Descriptor failing(ends[1]);
     const pid_t parent = ::getpid();
     const pid_t child = ::fork();
     if (child == 0)
-        childMain(arguments.data(), environment, parent, failure.get());
+        childMain(arguments.data(), environment, parent, failing.get());
     if (child < 0)
-        return nullptr;
-    failure.close();
+        return systemFailure(errno);
+    failing.close();
     Descriptor handle(::pidfd_open(child, 0));
     int error = handle ? 0 : errno;
     if (!handle)
@@ -99,8 +99,7 @@ std::unique_ptr<ChildProcess> ChildProcess::start(const QList<QByteArray> &comma
     if (error == 0)
         return std::unique_ptr<ChildProcess>(new ChildProcess(child, std::move(handle)));
     ::waitpid(child, nullptr, 0);
-    errno = error;
-    return nullptr;
+    return systemFailure(error);
 }
 
 ChildProcess::ChildProcess(pid_t pid, Descriptor handle) : pid_(pid), handle_(std::move(handle))

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "descriptor.h"
+#include "result.h"
 
 #include <QByteArray>
 #include <QList>
@@ -16,8 +17,8 @@
 class ChildProcess : public QObject {
     Q_OBJECT
 public:
-    /// Runs `command`, whose first word is a path. Null when it cannot be executed, with the reason in errno.
-    static std::unique_ptr<ChildProcess> start(const QList<QByteArray> &command);
+    /// Runs `command`, whose first word is a path. Fails, with the system's reason, when it cannot be executed.
+    static Result<std::unique_ptr<ChildProcess>> start(const QList<QByteArray> &command);
     ~ChildProcess() override;
 
     [[nodiscard]] pid_t pid() const { return pid_; }

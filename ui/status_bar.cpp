@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: MIT
 #include "status_bar.h"
 
+#include "bus_call.h"
+
 #include <QDBusConnection>
 #include <QDBusMessage>
-#include <QDBusPendingCallWatcher>
 #include <QDBusPendingReply>
 #include <QDBusServiceWatcher>
 #include <QGuiApplication>
@@ -72,10 +73,8 @@ void StatusBar::askHost()
         QDBusMessage::createMethodCall(watcherName, watcherPath, u"org.freedesktop.DBus.Properties"_s, u"Get"_s);
     question << QString(watcherName) << u"IsStatusNotifierHostRegistered"_s;
     question.setAutoStartService(false);
-    const auto *const answer = new QDBusPendingCallWatcher(QDBusConnection::sessionBus().asyncCall(question), this);
-    connect(answer, &QDBusPendingCallWatcher::finished, this, [this](QDBusPendingCallWatcher *finished) {
-        finished->deleteLater(); // not `delete`: it is sending this signal
-        const QDBusPendingReply<QVariant> reply = *finished;
+    whenAnswered(QDBusConnection::sessionBus().asyncCall(question), this, [this](const QDBusMessage &answer) {
+        const QDBusPendingReply<QVariant> reply = answer;
         if (reply.isValid() && reply.value().toBool())
             announce();
     });

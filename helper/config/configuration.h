@@ -4,8 +4,8 @@
 #include <QByteArray>
 #include <QList>
 
-/// One option of a configuration. Its name is known, and its values are printable ASCII without double quotes and
-/// backslashes.
+/// One option of a configuration. Its name is known, and no value is empty: each is printable ASCII without double
+/// quotes and backslashes.
 struct Directive {
     QByteArray name;
     QList<QByteArray> values;

@@ -7,8 +7,7 @@ namespace {
 // first character that would begin something else. This never makes a line longer than it was in the file.
 bool needsQuotes(const QByteArray &value)
 {
-    return value.isEmpty() || value.contains(' ') || value.contains('\t') ||
-           QByteArrayView("#;'").contains(value.front());
+    return value.contains(' ') || QByteArrayView("#;'").contains(value.front());
 }
 
 QByteArray word(const QByteArray &value)

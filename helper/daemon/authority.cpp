@@ -1,112 +1,73 @@
 // SPDX-License-Identifier: MIT
 #include "authority.h"
 
-#include <QDBusArgument>
-#include <QDBusMessage>
-#include <QDBusPendingCallWatcher>
+#include "bus_call.h"
+#include "polkit.h"
 
-#include <limits>
+#include <QDBusMessage>
 
 using namespace Qt::StringLiterals;
 
 namespace {
 
-constexpr int noTimeLimit = std::numeric_limits<int>::max();
-constexpr int places = 16;
+constexpr int maxUnderWay = 16;
 
-const HelperError notAuthorized{HelperError::Kind::NotAuthorized, "You are not allowed to do this."};
-const HelperError tooMany{HelperError::Kind::Busy, "Too many of your requests are still under way."};
-
-QDBusMessage authorizationQuestion(const QString &sender, const QString &action)
-{
-    // By bus name: a process number could be another process's by the time polkit looks.
-    QDBusArgument subject;
-    subject.beginStructure();
-    subject << u"system-bus-name"_s << QVariantMap{{u"name"_s, sender}};
-    subject.endStructure();
-    QDBusArgument details;
-    details.beginMap(QMetaType::fromType<QString>(), QMetaType::fromType<QString>());
-    details.endMap();
-    constexpr uint allowUserInteraction = 1;
-
-    auto question =
-        QDBusMessage::createMethodCall(u"org.freedesktop.PolicyKit1"_s, u"/org/freedesktop/PolicyKit1/Authority"_s,
-                                       u"org.freedesktop.PolicyKit1.Authority"_s, u"CheckAuthorization"_s);
-    question << QVariant::fromValue(subject) << action << QVariant::fromValue(details) << allowUserInteraction
-             << QString();
-    return question;
-}
-
-bool isAuthorized(const QDBusMessage &answer)
-{
-    if (answer.type() != QDBusMessage::ReplyMessage || answer.signature() != "(bba{ss})"_L1)
-        return false;
-    const auto result = answer.arguments().value(0).value<QDBusArgument>();
-    bool authorized = false;
-    result.beginStructure();
-    result >> authorized;
-    result.endStructure(); // without it Qt keeps the whole message for ever
-    return authorized;
-}
+const Error notAuthorized{ErrorCode::NotAuthorized, "You are not allowed to do this."};
+const Error tooMany{ErrorCode::Busy, "Too many of your requests are still under way."};
 
 } // namespace
 
-void Authority::check(const QString &sender, const QString &action, const Verdict &verdict)
+void Authority::check(const QString &sender, const QString &action, const Handler &handler)
 {
     findUser(sender, [=, this](std::optional<uid_t> uid) {
-        const Caller caller{uid.value_or(0), uid ? takePlace(*uid) : nullptr};
+        const Caller caller{uid.value_or(0), uid ? takeQuota(*uid) : nullptr};
         if (!uid)
-            verdict(notAuthorized);
-        else if (!caller.place)
-            verdict(tooMany);
+            handler(tl::make_unexpected(notAuthorized));
+        else if (!caller.quota)
+            handler(tl::make_unexpected(tooMany));
         else
-            askPolkit(sender, action, caller, verdict);
+            askPolkit(sender, action, caller, handler);
     });
 }
 
-void Authority::findUser(const QString &sender, Found found)
+void Authority::findUser(const QString &sender, UserHandler handler)
 {
     auto question = QDBusMessage::createMethodCall(u"org.freedesktop.DBus"_s, u"/org/freedesktop/DBus"_s,
                                                    u"org.freedesktop.DBus"_s, u"GetConnectionUnixUser"_s);
     question << sender;
-    auto *const watcher = new QDBusPendingCallWatcher(bus_.asyncCall(question), this);
-    connect(watcher, &QDBusPendingCallWatcher::finished, this, [watcher, found = std::move(found)] {
-        watcher->deleteLater();
-        const QDBusMessage answer = watcher->reply();
+    whenAnswered(bus_.asyncCall(question), this, [handler = std::move(handler)](const QDBusMessage &answer) {
         if (answer.type() == QDBusMessage::ReplyMessage && answer.signature() == "u"_L1)
-            found(answer.arguments().constFirst().toUInt());
+            handler(answer.arguments().constFirst().toUInt());
         else
-            found(std::nullopt);
+            handler(std::nullopt);
     });
 }
 
-std::shared_ptr<const void> Authority::takePlace(uid_t uid)
+std::shared_ptr<const void> Authority::takeQuota(uid_t uid)
 {
-    std::shared_ptr<int> &taken = taken_[uid];
-    if (!taken)
-        taken = std::make_shared<int>(0);
-    if (*taken == places)
+    std::shared_ptr<int> &count = underWay_[uid];
+    if (!count)
+        count = std::make_shared<int>(0);
+    if (*count == maxUnderWay)
         return nullptr;
-    ++*taken;
-    return {taken.get(), [taken](const void *) { --*taken; }};
+    ++*count;
+    return {count.get(), [count](const void *) { --*count; }};
 }
 
-void Authority::askPolkit(const QString &sender, const QString &action, const Caller &caller, const Verdict &verdict)
+void Authority::askPolkit(const QString &sender, const QString &action, const Caller &caller, const Handler &handler)
 {
-    auto *const watcher =
-        new QDBusPendingCallWatcher(bus_.asyncCall(authorizationQuestion(sender, action), noTimeLimit), this);
-    connect(watcher, &QDBusPendingCallWatcher::finished, this, [=, this] {
-        watcher->deleteLater();
-        if (!isAuthorized(watcher->reply())) {
-            verdict(notAuthorized);
+    const auto call = bus_.asyncCall(Polkit::question(sender, action, true), noTimeout);
+    whenAnswered(call, this, [=, this](const QDBusMessage &answer) {
+        if (Polkit::answer(answer) != Polkit::Answer::Yes) {
+            handler(tl::make_unexpected(notAuthorized));
             return;
         }
         // Once more, so that a sender that has left meanwhile is nobody.
-        findUser(sender, [caller, verdict](std::optional<uid_t> uid) {
+        findUser(sender, [caller, handler](std::optional<uid_t> uid) {
             if (uid == caller.uid)
-                verdict(caller);
+                handler(caller);
             else
-                verdict(notAuthorized);
+                handler(tl::make_unexpected(notAuthorized));
         });
     });
 }

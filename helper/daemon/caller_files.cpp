@@ -22,8 +22,8 @@ using ReadingChild::Header;
 namespace {
 
 constexpr uid_t nobody = 65534;
-constexpr auto limit = 2s;
-constexpr auto deathLasts = 100ms;
+constexpr auto readTimeout = 2s;
+constexpr auto endTimeout = 100ms;
 
 const char *sentenceOf(Found found)
 {
@@ -62,12 +62,12 @@ CallerFiles::CallerFiles(const ReadingChild::Caller &caller, std::vector<Reading
     : wanted_(std::move(wanted))
 {
     for (const ReadingChild::Wanted &file : wanted_)
-        most_ += file.most + static_cast<qsizetype>(sizeof(Header));
-    limit_.setSingleShot(true);
-    connect(&limit_, &QTimer::timeout, this, &CallerFiles::tooLate);
+        maxBytes_ += file.maxSize + static_cast<qsizetype>(sizeof(Header));
+    timeout_.setSingleShot(true);
+    connect(&timeout_, &QTimer::timeout, this, &CallerFiles::tooLate);
     startChild(caller);
     if (child_ > 0)
-        limit_.start(limit);
+        timeout_.start(readTimeout);
     else // deferred, since nobody can listen before this returns
         QMetaObject::invokeMethod(this, &CallerFiles::finish, Qt::QueuedConnection);
 }
@@ -109,9 +109,9 @@ void CallerFiles::takeBytes()
 {
     char piece[16384];
     ssize_t got = 0;
-    while (bytes_.size() <= most_ && (got = ::read(pipe_.get(), piece, sizeof piece)) > 0)
+    while (bytes_.size() <= maxBytes_ && (got = ::read(pipe_.get(), piece, sizeof piece)) > 0)
         bytes_.append(piece, got);
-    if (bytes_.size() > most_)
+    if (bytes_.size() > maxBytes_)
         got = 0; // nothing that the child would say
     if (!ended_ && (got == 0 || (errno != EAGAIN && errno != EINTR)))
         finish();
@@ -133,7 +133,7 @@ void CallerFiles::finish()
     ended_ = true;
     if (child_ > 0) {
         ::kill(child_, SIGKILL);
-        limit_.start(deathLasts);
+        timeout_.start(endTimeout);
         auto *const dead = new QSocketNotifier(process_.get(), QSocketNotifier::Read, this);
         connect(dead, &QSocketNotifier::activated, this, [this, dead] {
             dead->setEnabled(false);
@@ -147,7 +147,7 @@ void CallerFiles::finish()
 
 void CallerFiles::reap()
 {
-    limit_.stop();
+    timeout_.stop();
     ::waitpid(std::exchange(child_, -1), nullptr, 0);
     emit gone();
 }
@@ -168,8 +168,7 @@ std::vector<CallerFiles::File> CallerFiles::results() const
         if (header.found == Found::File && whole)
             files.emplace_back(left.first(length).toByteArray());
         else
-            files.emplace_back(
-                Unreadable{header.found == Found::Missing || !whole ? missing : sentenceOf(header.found)});
+            files.emplace_back(failure(header.found == Found::Missing || !whole ? missing : sentenceOf(header.found)));
         left = left.sliced(length);
     }
     return files;

@@ -2,7 +2,6 @@
 #include "helper_program.h"
 
 #include "descriptor.h"
-#include "helper_service.h"
 #include "system_log.h"
 
 #include <QCoreApplication>
@@ -40,7 +39,7 @@ void neverStopReading(const QDBusConnection &bus)
 
 } // namespace
 
-int helperMain(int argc, char *argv[], const HelperPaths &paths, const HelperLimits &limits)
+int helperMain(int argc, char *argv[], const HelperPaths &paths, const HelperService::Timeouts &timeouts)
 {
     const Descriptor ends = requestsToEnd();
     (void)::signal(SIGPIPE, SIG_IGN);
@@ -51,7 +50,7 @@ int helperMain(int argc, char *argv[], const HelperPaths &paths, const HelperLim
         return EXIT_FAILURE;
     }
     neverStopReading(bus);
-    HelperService service(bus, paths, limits);
+    HelperService service(bus, paths, timeouts);
     QObject::connect(&service, &HelperService::finished, &application, &QCoreApplication::quit, Qt::QueuedConnection);
     QSocketNotifier asked(ends.get(), QSocketNotifier::Read);
     QObject::connect(&asked, &QSocketNotifier::activated, &service, [&] {

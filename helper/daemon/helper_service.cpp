@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "helper_service.h"
 
+#include "bus_errors.h"
 #include "helper_adaptor.h"
 #include "helper_protocol.h"
 
@@ -9,7 +10,6 @@
 #include <utility>
 
 using namespace Qt::StringLiterals;
-using Kind = HelperError::Kind;
 
 namespace {
 
@@ -24,12 +24,12 @@ bool areNames(const QVariantList &arguments)
 
 } // namespace
 
-HelperService::HelperService(const QDBusConnection &bus, const HelperPaths &paths, const HelperLimits &limits)
-    : bus_(bus), authority_(bus), judge_(paths), tunnel_(paths, limits)
+HelperService::HelperService(const QDBusConnection &bus, const HelperPaths &paths, const Timeouts &timeouts)
+    : bus_(bus), authority_(bus), judge_(paths), tunnel_(paths, timeouts.tunnel)
 {
     new HelperAdaptor(this); // owned by this
     idle_.setSingleShot(true);
-    idle_.setInterval(limits.idle);
+    idle_.setInterval(timeouts.idle);
     connect(&idle_, &QTimer::timeout, this, &HelperService::leave);
 }
 
@@ -60,7 +60,7 @@ void HelperService::handOver()
 {
     while (!open_.empty()) {
         const Request request = open_.front();
-        answer(request, errorReply(*request, {Kind::Leaving, "The helper is leaving. Send this again."}));
+        answer(request, errorReply(*request, {ErrorCode::Leaving, "The helper is leaving. Send this again."}));
     }
     // A round trip, so that the answers have left this process before it ends.
     bus_.call(QDBusMessage::createMethodCall(u"org.freedesktop.DBus"_s, u"/org/freedesktop/DBus"_s,
@@ -82,12 +82,13 @@ QString HelperService::getVersion()
     return {};
 }
 
-int HelperService::runOpenVPN(const QString & /*config*/, const QString & /*client_up*/, const QString & /*client_down*/)
+int HelperService::runOpenVPN(const QString & /*config*/, const QString & /*client_up*/,
+                              const QString & /*client_down*/)
 {
     const Request request = accept();
     if (!areNames(request->arguments()))
         // Before it is kept for polkit's answer: such messages are as large as their sender likes.
-        answer(request, errorReply(*request, {Kind::ConfigUnsafe, "A file's name is too long."}));
+        answer(request, errorReply(*request, {ErrorCode::ConfigUnsafe, "A file's name is too long."}));
     else if (!isOneTooMany(request) && !ending_)
         admit(request, u"com.corvale.macos.helper.run"_s, [=, this](const auto &caller) { run(request, caller); });
     return 0;
@@ -104,18 +105,18 @@ bool HelperService::isOneTooMany(const Request &request)
 {
     if (!ending_ || open_.size() <= maxHandedOver)
         return false;
-    answer(request, errorReply(*request, {Kind::Busy, "Too many requests wait for the next helper."}));
+    answer(request, errorReply(*request, {ErrorCode::Busy, "Too many requests wait for the next helper."}));
     return true;
 }
 
 void HelperService::admit(const Request &request, const QString &action,
                           std::function<void(const Authority::Caller &)> next)
 {
-    authority_.check(request->service(), action, [this, request, next = std::move(next)](const auto &verdict) {
-        if (const auto *error = std::get_if<HelperError>(&verdict))
-            answer(request, errorReply(*request, *error));
+    authority_.check(request->service(), action, [this, request, next = std::move(next)](const auto &caller) {
+        if (caller)
+            next(*caller);
         else
-            next(std::get<Authority::Caller>(verdict));
+            answer(request, errorReply(*request, caller.error()));
     });
 }
 
@@ -123,7 +124,7 @@ bool HelperService::isAnothers(const Request &request, uid_t uid)
 {
     if (!tunnel_.owner() || tunnel_.owner() == uid)
         return false;
-    answer(request, errorReply(*request, {Kind::Busy, "Another user's tunnel is running."}));
+    answer(request, errorReply(*request, {ErrorCode::Busy, "Another user's tunnel is running."}));
     return true;
 }
 
@@ -133,12 +134,12 @@ void HelperService::run(const Request &request, const Authority::Caller &caller)
         return;
     const QVariantList arguments = request->arguments();
     const TunnelRequest files{arguments[0].toString(), arguments[1].toString(), arguments[2].toString()};
-    // The caller's place is kept until the files are judged; the tunnel has a limit of its own.
-    judge_.judge(caller.uid, files, [this, request, caller](const auto &verdict) {
-        if (const auto *error = std::get_if<HelperError>(&verdict))
-            answer(request, errorReply(*request, *error));
+    // The message counts for the caller's quota until the files are judged; the tunnel has a quota of its own.
+    judge_.judge(caller.uid, files, [this, request, caller](const auto &configuration) {
+        if (configuration)
+            start(request, caller.uid, *configuration);
         else
-            start(request, caller.uid, std::get<QByteArray>(verdict));
+            answer(request, errorReply(*request, configuration.error()));
     });
 }
 
@@ -147,16 +148,15 @@ void HelperService::start(const Request &request, uid_t uid, const QByteArray &c
     // Another's tunnel may have begun while the files were read.
     if (ending_ || isAnothers(request, uid))
         return;
-    tunnel_.run(uid, configuration, [this, request](const std::variant<int, HelperError> &end) {
-        const auto *status = std::get_if<int>(&end);
-        answer(request, status ? request->createReply(*status) : errorReply(*request, std::get<HelperError>(end)));
+    tunnel_.run(uid, configuration, [this, request](const Result<int> &status) {
+        answer(request, status ? request->createReply(*status) : errorReply(*request, status.error()));
     });
 }
 
 void HelperService::kill(const Request &request, const Authority::Caller &caller)
 {
     if (tunnel_.owner() && tunnel_.owner() != caller.uid && caller.uid != 0) {
-        answer(request, errorReply(*request, {Kind::NotAuthorized, "It is another user's tunnel."}));
+        answer(request, errorReply(*request, {ErrorCode::NotAuthorized, "It is another user's tunnel."}));
         return;
     }
     judge_.abandon(caller.uid);

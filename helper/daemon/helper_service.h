@@ -2,7 +2,6 @@
 #pragma once
 
 #include "authority.h"
-#include "helper_error.h"
 #include "helper_paths.h"
 #include "request_judge.h"
 #include "tunnel.h"
@@ -12,6 +11,7 @@
 #include <QObject>
 #include <QTimer>
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <vector>
@@ -20,7 +20,12 @@
 class HelperService final : public QObject, protected QDBusContext {
     Q_OBJECT
 public:
-    HelperService(const QDBusConnection &bus, const HelperPaths &paths, const HelperLimits &limits);
+    struct Timeouts {
+        std::chrono::milliseconds idle = std::chrono::minutes(1); ///< without a message or a tunnel; then it leaves
+        Tunnel::Timeouts tunnel = {};
+    };
+
+    HelperService(const QDBusConnection &bus, const HelperPaths &paths, const Timeouts &timeouts);
 
     /// Puts the object on the bus and takes the name; false when that is refused, as it is to all but root. Then cleans
     /// up what a helper that died has left, as `Tunnel::begin` does.
@@ -37,7 +42,7 @@ public:
     void killOpenVPN();
 
 signals:
-    /// Nothing is left to do: no tunnel, and no message for as long as the limits say; or `finish` is through.
+    /// Nothing is left to do: no tunnel, and no message for the idle timeout; or `finish` is through.
     void finished();
 
 private:

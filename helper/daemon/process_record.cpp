@@ -34,7 +34,7 @@ bool ProcessRecord::write(const QByteArray &path, pid_t pid)
     return PlacedFile::write(path, QByteArray::number(pid) + ' ' + startTime(pid), 0600).has_value();
 }
 
-void ProcessRecord::killLeftover(const QByteArray &path)
+void ProcessRecord::killLeftover(const QByteArray &path, std::chrono::milliseconds timeout)
 {
     QFile file(QFile::decodeName(path));
     if (!file.open(QIODevice::ReadOnly))
@@ -49,13 +49,12 @@ void ProcessRecord::killLeftover(const QByteArray &path)
         return;
     // It has been told to end when its helper died; it may still be taking back its routes.
     pollfd watched{process.get(), POLLIN, 0};
-    constexpr int patience = 4000;     // ms
-    constexpr int lastPatience = 1000; // ms
+    constexpr int killTimeout = 1000; // ms
     ::pidfd_send_signal(process.get(), SIGTERM, nullptr, 0);
-    if (::poll(&watched, 1, patience) > 0)
+    if (::poll(&watched, 1, static_cast<int>(timeout.count())) > 0)
         return;
     // With its scripts: they must not go on beside the one that cleans up. It leads a session of its own.
     ::pidfd_send_signal(process.get(), SIGKILL, nullptr, 0);
     ::kill(-pid, SIGKILL);
-    ::poll(&watched, 1, lastPatience);
+    ::poll(&watched, 1, killTimeout);
 }

@@ -38,7 +38,7 @@ Found judge(const struct stat &status, const Wanted &wanted, uid_t caller)
         if (status.st_mode & (S_IWGRP | S_IWOTH))
             return Found::WritableByOthers;
     }
-    return status.st_size > wanted.most ? Found::TooLarge : Found::File;
+    return status.st_size > wanted.maxSize ? Found::TooLarge : Found::File;
 }
 
 /// `buffer` has room for one byte more than is wanted.
@@ -52,9 +52,9 @@ Header readInto(char *buffer, const Wanted &wanted, uid_t caller)
         return {Found::Nothing, 0};
     if (const Found found = judge(status, wanted, caller); found != Found::File)
         return {found, 0};
-    const auto most = static_cast<size_t>(wanted.most);
-    for (size_t length = 0; length <= most;) {
-        const ssize_t got = ::read(file, buffer + length, most + 1 - length);
+    const auto maxSize = static_cast<size_t>(wanted.maxSize);
+    for (size_t length = 0; length <= maxSize;) {
+        const ssize_t got = ::read(file, buffer + length, maxSize + 1 - length);
         if (got < 0)
             return {Found::Broken, 0};
         if (got == 0)
@@ -99,10 +99,10 @@ bool tell(int pipe, const void *bytes, size_t length)
 
 pid_t ReadingChild::fork(const Caller &caller, const std::vector<Wanted> &wanted, int pipe)
 {
-    qsizetype most = 0;
+    qsizetype maxSize = 0;
     for (const Wanted &file : wanted)
-        most = std::max(most, file.most);
-    QByteArray buffer(most + 1, Qt::Uninitialized);
+        maxSize = std::max(maxSize, file.maxSize);
+    QByteArray buffer(maxSize + 1, Qt::Uninitialized);
     const pid_t child = ::fork();
     if (child == 0)
         childMain(caller, wanted, buffer.data(), pipe);

@@ -24,7 +24,7 @@ enum class Ownership {
 struct Wanted {
     QByteArray path;
     Ownership ownership;
-    qsizetype most; ///< bytes
+    qsizetype maxSize; ///< bytes
 };
 
 enum class Found : int {

@@ -2,8 +2,9 @@
 #pragma once
 
 #include "caller_files.h"
-#include "helper_error.h"
+#include "deferred.h"
 #include "helper_paths.h"
+#include "result.h"
 
 #include <QObject>
 #include <QString>
@@ -13,7 +14,6 @@
 #include <map>
 #include <memory>
 #include <sys/types.h>
-#include <variant>
 
 /// What `runOpenVPN` was sent.
 struct TunnelRequest {
@@ -29,35 +29,35 @@ class RequestJudge : public QObject {
     Q_OBJECT
 public:
     /// The configuration text for OpenVPN, or why there is none.
-    using Verdict = std::function<void(const std::variant<QByteArray, HelperError> &)>;
+    using Handler = std::function<void(const Result<QByteArray> &)>;
 
     explicit RequestJudge(HelperPaths paths) : paths_(std::move(paths)) {}
 
-    /// `verdict` is called once: two seconds after the request's turn has come at the latest, at once when a file of an
+    /// `handler` is called once: after two seconds at most from the request's turn on, at once while a file of an
     /// earlier request of this user still hangs.
-    void judge(uid_t uid, const TunnelRequest &request, Verdict verdict);
+    void judge(uid_t uid, const TunnelRequest &request, Handler handler);
 
-    /// Refuses what this user's requests wait for.
+    /// Refuses the requests of this user that wait.
     void abandon(uid_t uid);
 
-    [[nodiscard]] bool isIdle() const { return lines_.empty(); }
+    [[nodiscard]] bool isIdle() const { return queues_.empty(); }
 
 private:
     struct Waiting {
         TunnelRequest request;
-        Verdict verdict;
+        Handler handler;
     };
-    struct Line {
-        std::unique_ptr<CallerFiles> files; ///< being read, or their child is yet to go
-        Verdict current;                    ///< on them; none once it is given
+    struct Queue {
+        Deferred<CallerFiles> files; ///< being read, or their child has yet to end
+        Handler current;             ///< theirs; none once it was called
         std::deque<Waiting> waiting;
         bool hangs = false;
     };
 
     void readNext(uid_t uid);
     void filesWereRead(uid_t uid, const std::vector<CallerFiles::File> &files);
-    void refuseAll(uid_t uid, const HelperError &error);
+    void refuseAll(uid_t uid, const Error &error);
 
     const HelperPaths paths_;
-    std::map<uid_t, Line> lines_; ///< of the users with a request or a child
+    std::map<uid_t, Queue> queues_; ///< of the users with a request or a child
 };

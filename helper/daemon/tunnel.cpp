@@ -4,42 +4,49 @@
 #include "openvpn_command.h"
 #include "placed_file.h"
 #include "process_record.h"
-#include "root_file.h"
 
 #include <QDir>
 #include <QFile>
 
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <system_error>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <utility>
 
 using namespace std::chrono_literals;
 
 namespace {
 
-constexpr size_t mostAnswers = 16;
-constexpr auto reloadAgain = 100ms;
+constexpr size_t maxWaiting = 16;
+constexpr auto reloadInterval = 100ms;
 
-HelperError internal(const QByteArray &sentence)
+const Error portBusy{ErrorCode::PortBusy, "Another program uses port 1337 on 127.0.0.1."};
+
+/// Makes the folder with mode 0700 if it is missing. False unless it is then a real folder of this user's own with that
+/// mode.
+bool makeFolder(const QByteArray &path)
 {
-    return {HelperError::Kind::Internal, sentence};
+    ::mkdir(path.constData(), S_IRWXU);
+    struct stat status {};
+    return ::lstat(path.constData(), &status) == 0 && S_ISDIR(status.st_mode) && status.st_uid == ::geteuid() &&
+           ::chmod(path.constData(), S_IRWXU) == 0;
 }
 
 } // namespace
 
-Tunnel::Tunnel(HelperPaths paths, const HelperLimits &limits) : paths_(std::move(paths)), status_(128 + SIGTERM)
+Tunnel::Tunnel(HelperPaths paths, const Timeouts &timeouts)
+    : paths_(std::move(paths)), timeouts_(timeouts), status_(128 + SIGTERM)
 {
-    patience_.setSingleShot(true);
-    patience_.setInterval(limits.ending);
-    connect(&patience_, &QTimer::timeout, this, [this] { process_->killAll(); });
-    reloading_.setInterval(reloadAgain);
+    end_.setSingleShot(true);
+    end_.setInterval(timeouts.end);
+    connect(&end_, &QTimer::timeout, this, [this] { process_->killAll(); });
+    reloading_.setInterval(reloadInterval);
     connect(&reloading_, &QTimer::timeout, this, [this] { process_->signal(SIGHUP); });
-    again_.setSingleShot(true);
-    again_.setInterval(limits.again);
-    connect(&again_, &QTimer::timeout, this, &Tunnel::restore);
+    retry_.setSingleShot(true);
+    retry_.setInterval(timeouts.retry);
+    connect(&retry_, &QTimer::timeout, this, &Tunnel::restore);
 }
 
 Tunnel::~Tunnel() = default;
@@ -48,24 +55,24 @@ void Tunnel::begin()
 {
     if (QDir(QFile::decodeName(paths_.runFolder)).isEmpty() && !isLeft())
         return;
-    ProcessRecord::killLeftover(paths_.processRecord());
+    ProcessRecord::killLeftover(paths_.processRecord(), timeouts_.leftover);
     restore();
 }
 
-void Tunnel::run(uid_t uid, const QByteArray &configuration, Answer answer)
+void Tunnel::run(uid_t uid, const QByteArray &configuration, Handler handler)
 {
     const bool idle = phase_ == Phase::Idle;
     if (idle && !managementPortIsFree()) {
-        answer(HelperError{HelperError::Kind::PortBusy, "Another program uses port 1337 on 127.0.0.1."});
+        handler(tl::make_unexpected(portBusy));
         return;
     }
-    if (!RootFile::makeFolder(paths_.runFolder) || !PlacedFile::write(paths_.configuration(), configuration, 0600)) {
-        answer(internal("The configuration cannot be stored."));
+    if (!makeFolder(paths_.runFolder) || !PlacedFile::write(paths_.configuration(), configuration, 0600)) {
+        handler(failure("The configuration cannot be stored.", ErrorCode::Internal));
         return;
     }
-    again_.stop(); // client.up begins by restoring, too
+    retry_.stop(); // client.up begins by restoring, too
     owner_ = uid;
-    answers_.push_back(std::move(answer));
+    waiting_.push_back(std::move(handler));
     dropOldest();
     if (idle) {
         start();
@@ -79,12 +86,12 @@ void Tunnel::run(uid_t uid, const QByteArray &configuration, Answer answer)
 /// The clients that asked have mostly quit since; their number must not grow for as long as a tunnel lives.
 void Tunnel::dropOldest()
 {
-    if (answers_.size() <= mostAnswers)
+    if (waiting_.size() <= maxWaiting)
         return;
-    const Answer oldest = std::move(answers_.front());
-    answers_.erase(answers_.begin());
-    unread_ = std::min(unread_, answers_.size() - 1); // the newest is counted by the caller
-    oldest(HelperError{HelperError::Kind::Busy, "Too many requests wait for the end of this tunnel."});
+    const Handler oldest = std::move(waiting_.front());
+    waiting_.erase(waiting_.begin());
+    unread_ = std::min(unread_, waiting_.size() - 1); // the newest is counted by the caller
+    oldest(failure("Too many requests wait for the end of this tunnel.", ErrorCode::Busy));
 }
 
 void Tunnel::start()
@@ -93,17 +100,17 @@ void Tunnel::start()
     wasRead_ = false;
     reloadWhenRead_ = false;
     if (!managementPortIsFree()) {
-        fail({HelperError::Kind::PortBusy, "Another program uses port 1337 on 127.0.0.1."});
+        fail(portBusy);
         return;
     }
     watch_ = std::make_unique<ReadWatch>(paths_.runFolder, HelperPaths::configurationName);
     connect(watch_.get(), &ReadWatch::wasRead, this, &Tunnel::configurationWasRead);
-    process_ = ChildProcess::start(openvpnCommand(paths_));
-    if (!process_) {
-        fail(internal("OpenVPN cannot be started: " +
-                      QByteArray::fromStdString(std::generic_category().message(errno))));
+    auto started = ChildProcess::start(openvpnCommand(paths_));
+    if (!started) {
+        fail({ErrorCode::Internal, "OpenVPN cannot be started: " + started.error().detail});
         return;
     }
+    process_.reset(started->release());
     phase_ = Phase::Running;
     connect(process_.get(), &ChildProcess::ended, this, &Tunnel::openvpnEnded);
     // Without the note OpenVPN still dies with the helper: the kernel sees to it.
@@ -118,7 +125,7 @@ void Tunnel::reload()
         // The kernel has no watches left, so nobody would learn what OpenVPN reads: another one takes its place.
         phase_ = Phase::Stopping;
         process_->signal(SIGTERM);
-        patience_.start();
+        end_.start();
         return;
     }
     if (!wasRead_ || reloading_.isActive()) {
@@ -142,7 +149,7 @@ void Tunnel::configurationWasRead()
 
 void Tunnel::openvpnEnded(int status)
 {
-    patience_.stop();
+    end_.stop();
     reloading_.stop();
     status_ = status;
     watch_.reset();
@@ -159,23 +166,21 @@ bool Tunnel::isLeft() const
 void Tunnel::restore()
 {
     phase_ = Phase::Restoring;
-    // Deferred because this may be called from a signal of that very object.
-    if (process_)
-        process_.release()->deleteLater();
-    process_ = ChildProcess::start({paths_.clientDown});
-    if (!process_) {
+    process_.reset();
+    auto started = ChildProcess::start({paths_.clientDown});
+    if (!started) {
         restored();
         return;
     }
+    process_.reset(started->release());
     connect(process_.get(), &ChildProcess::ended, this, &Tunnel::restored);
-    patience_.start();
+    end_.start();
 }
 
 void Tunnel::restored()
 {
-    patience_.stop();
-    if (process_)
-        process_.release()->deleteLater();
+    end_.stop();
+    process_.reset();
     QFile::remove(QFile::decodeName(paths_.processRecord()));
     // Whoever gets an answer finds everything cleaned up.
     if (unread_ == 0)
@@ -191,20 +196,20 @@ void Tunnel::restored()
 
 void Tunnel::answerServed()
 {
-    const auto served = static_cast<std::ptrdiff_t>(answers_.size() - unread_);
-    std::vector<Answer> now(answers_.begin(), answers_.begin() + served);
-    answers_.erase(answers_.begin(), answers_.begin() + served);
-    for (const Answer &answer : now)
-        answer(status_);
+    const auto served = static_cast<std::ptrdiff_t>(waiting_.size() - unread_);
+    std::vector<Handler> now(waiting_.begin(), waiting_.begin() + served);
+    waiting_.erase(waiting_.begin(), waiting_.begin() + served);
+    for (const Handler &handler : now)
+        handler(status_);
 }
 
-void Tunnel::fail(const HelperError &error)
+void Tunnel::fail(const Error &error)
 {
     process_.reset();
     watch_.reset();
     becomeIdle();
-    for (const Answer &answer : std::exchange(answers_, {}))
-        answer(error);
+    for (const Handler &handler : std::exchange(waiting_, {}))
+        handler(tl::make_unexpected(error));
     tellStopped();
 }
 
@@ -214,7 +219,7 @@ void Tunnel::becomeIdle()
     owner_.reset();
     QFile::remove(QFile::decodeName(paths_.configuration()));
     if (isLeft())
-        again_.start();
+        retry_.start();
 }
 
 void Tunnel::tellStopped()
@@ -240,5 +245,5 @@ void Tunnel::stop(std::function<void()> done)
     // What it reads from now on serves nobody: a later request's file is for the next one.
     watch_.reset();
     process_->signal(SIGTERM);
-    patience_.start();
+    end_.start();
 }

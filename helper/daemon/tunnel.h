@@ -2,16 +2,17 @@
 #pragma once
 
 #include "child_process.h"
-#include "helper_error.h"
+#include "deferred.h"
 #include "helper_paths.h"
 #include "read_watch.h"
+#include "result.h"
 
 #include <QTimer>
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <optional>
-#include <variant>
 #include <vector>
 
 /// The one OpenVPN of the machine: its start, its take-over by a later request of the same user, its end, and the
@@ -19,25 +20,31 @@
 class Tunnel : public QObject {
     Q_OBJECT
 public:
-    using Answer = std::function<void(const std::variant<int, HelperError> &)>;
+    using Handler = std::function<void(const Result<int> &)>;
 
-    Tunnel(HelperPaths paths, const HelperLimits &limits);
+    struct Timeouts {
+        std::chrono::milliseconds end = std::chrono::seconds(10);     ///< from SIGTERM to SIGKILL
+        std::chrono::milliseconds leftover = std::chrono::seconds(4); ///< the same for one that outlived its helper
+        std::chrono::milliseconds retry = std::chrono::seconds(5); ///< until what could not be restored is tried again
+    };
+
+    Tunnel(HelperPaths paths, const Timeouts &timeouts);
     ~Tunnel() override;
 
     /// To be called once, first, and only by the one helper of the machine: cleans up what a helper that died has left.
-    /// Blocks for as long as an OpenVPN that is left takes to end, five seconds at the most.
+    /// Blocks for as long as an OpenVPN that is left takes to end, five seconds at most.
     void begin();
 
     /// Whether nothing runs and nothing is left to be restored.
-    [[nodiscard]] bool isIdle() const { return phase_ == Phase::Idle && !again_.isActive(); }
+    [[nodiscard]] bool isIdle() const { return phase_ == Phase::Idle && !retry_.isActive(); }
     [[nodiscard]] std::optional<uid_t> owner() const { return owner_; } ///< none while idle
 
     /// Runs OpenVPN with this configuration for `uid`, or has the one that runs read it anew; its owner must be `uid`.
-    /// `answer` is called once: with the exit status of the OpenVPN that served the request, or with why none did. Of
+    /// `handler` is called once: with the exit status of the OpenVPN that served the request, or with why none did. Of
     /// sixteen requests that wait for one end the oldest is refused when another comes.
-    void run(uid_t uid, const QByteArray &configuration, Answer answer);
+    void run(uid_t uid, const QByteArray &configuration, Handler handler);
 
-    /// Ends OpenVPN: SIGTERM, after the limit SIGKILL. `done` is called when everything is cleaned up.
+    /// Ends OpenVPN: SIGTERM, after the timeout SIGKILL. `done` is called when everything is cleaned up.
     void stop(std::function<void()> done);
 
 private:
@@ -52,23 +59,24 @@ private:
     void restore();
     void restored();
     void answerServed();
-    void fail(const HelperError &error);
+    void fail(const Error &error);
     void becomeIdle();
     void tellStopped();
 
     const HelperPaths paths_;
     Phase phase_ = Phase::Idle;
     std::optional<uid_t> owner_;
-    std::unique_ptr<ChildProcess> process_; ///< OpenVPN, or the script that restores
+    Deferred<ChildProcess> process_; ///< OpenVPN, or the script that restores
     std::unique_ptr<ReadWatch> watch_;
-    QTimer patience_;  ///< with a process that has been asked to end
+    const Timeouts timeouts_;
+    QTimer end_;       ///< runs while a process that was asked to end has not
     QTimer reloading_; ///< runs from the request to read the file again until it is read
-    QTimer again_;     ///< while idle: until client.down is tried once more
+    QTimer retry_;     ///< while idle: until client.down is tried once more
     int status_ = 0;   ///< of the last OpenVPN
 
-    std::vector<Answer> answers_; ///< in the order of the requests
-    size_t unread_ = 0;           ///< how many of the last ones wait for their file to be read
-    bool wasRead_ = false;        ///< this OpenVPN has read a file
-    bool reloadWhenRead_ = false; ///< the file was replaced while OpenVPN had yet to read one
+    std::vector<Handler> waiting_; ///< in the order of the requests
+    size_t unread_ = 0;            ///< how many of the last ones wait for their file to be read
+    bool wasRead_ = false;         ///< this OpenVPN has read a file
+    bool reloadWhenRead_ = false;  ///< the file was replaced while OpenVPN had yet to read one
     std::vector<std::function<void()>> stops_;
 };

@@ -15,6 +15,7 @@ enum class ErrorCode {
     ConfigRejected, ///< its contents
     ScriptRejected,
     PortBusy,
+    Leaving, ///< the helper is; the next one will do it when it is asked again
     Internal,
 };
 
@@ -22,6 +23,8 @@ enum class ErrorCode {
 struct Error {
     ErrorCode code = ErrorCode::Failed;
     QByteArray detail;
+
+    bool operator==(const Error &) const = default;
 };
 
 /// A value, or why there is none. An operation without a value returns `Result<void>`.

@@ -9,6 +9,7 @@
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
 #include <QElapsedTimer>
+#include <QProcess>
 
 #include <csignal>
 #include <fcntl.h>
@@ -28,12 +29,11 @@ const QString name = u"com.corvale.macos.helper"_s;
 /// What a shell says to these commands, and its status at the end.
 std::string shell(const QString &commands)
 {
-    FILE *const output = ::popen(qPrintable(u"exec 2>&1\n"_s + commands + u"\necho =$?"_s), "r");
-    std::string all;
-    for (int next = std::fgetc(output); next != EOF; next = std::fgetc(output))
-        all.push_back(static_cast<char>(next));
-    ::pclose(output);
-    return all;
+    QProcess process;
+    process.setProcessChannelMode(QProcess::MergedChannels);
+    process.start(u"sh"_s, {u"-c"_s, commands + u"\necho =$?"_s});
+    process.waitForFinished(-1);
+    return process.readAll().toStdString();
 }
 
 class BlessTest : public testing::Test {
@@ -120,7 +120,7 @@ protected:
     const QString tool = QStringLiteral(BLESS_UNDER_TEST);
     const QByteArray good = spoiltHelper();
     const QByteArray older =
-        spoiltHelper("<string>" CORVALE_VERSION, "<string>" + QByteArray(strlen(CORVALE_VERSION), '0'));
+        spoiltHelper("<string>" CORVALE_VERSION, "<string>" + QByteArray(CORVALE_VERSION).fill('0'));
 };
 
 } // namespace
@@ -224,6 +224,7 @@ TEST_F(BlessTest, aKillAtAnyStepLeavesEveryFileWholeAndTheNextRunCompletes)
         replaced = now == good;
         shell(u"find %1 -name '*.new' -delete"_s.arg(root)); // what must be left is as it was but for the helper
         expectInstalled(now);
+        ASSERT_FALSE(HasFailure()) << "after step " << steps;
     }
     EXPECT_TRUE(replaced);
     EXPECT_GT(steps, 32); // four for each file

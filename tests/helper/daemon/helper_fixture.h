@@ -1,17 +1,16 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include "files.h"
 #include "private_bus.h"
 #include "scripted_authority.h"
 #include "wait_for.h"
 
 #include <QDBusPendingCallWatcher>
 #include <QDir>
-#include <QFile>
 
 #include <csignal>
 #include <gmock/gmock.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 using namespace Qt::StringLiterals;
@@ -21,26 +20,10 @@ inline const QString name = u"com.corvale.macos.helper"_s;
 inline constexpr char profile[] = "client\ndev tun\nremote vpn.corvale.example 1194\nauth-user-pass\n";
 inline constexpr uid_t otherUser = 65534; // nobody: the bus turns away users that the system does not know
 
-inline void write(const QString &path, const QByteArray &bytes, mode_t mode = 0644)
-{
-    QFile::remove(path);
-    QFile file(path);
-    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-    file.write(bytes);
-    file.close();
-    ASSERT_EQ(::chmod(qPrintable(path), mode), 0);
-}
-
-inline QByteArray contents(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
 /// An orphan may stay a zombie for as long as the machine's first process pleases.
 inline bool hasEnded(pid_t pid)
 {
-    return contents(u"/proc/%1/cmdline"_s.arg(pid)).isEmpty();
+    return contentOf(u"/proc/%1/cmdline"_s.arg(pid)).isEmpty();
 }
 
 /// The helper as a process of its own on a private bus, with shell scripts in the place of OpenVPN.
@@ -54,9 +37,9 @@ protected:
         QDir(folder).removeRecursively();
         QDir().mkpath(folder);
         // Like client.down, it is run once more by the helper after OpenVPN.
-        write(path(u"client.up"), "#!/bin/sh\n", 0755);
-        write(path(u"client.down"), "#!/bin/sh\necho restored >>" + path(u"restored").toUtf8() + "\n", 0755);
-        write(path(u"profile.ovpn"), profile, 0600);
+        writeFile(path(u"client.up"), "#!/bin/sh\n", 0755);
+        writeFile(path(u"client.down"), "#!/bin/sh\necho restored >>" + path(u"restored").toUtf8() + "\n", 0755);
+        writeFile(path(u"profile.ovpn"), profile, 0600);
         ASSERT_TRUE(bus.start());
         limits(60'000, 10'000);
         QDBusConnection::connectToBus(QDBusConnection::SystemBus, u"test"_s);
@@ -70,6 +53,11 @@ protected:
             ::kill(pid, SIGTERM);
             EXPECT_TRUE(waitFor([pid] { return hasEnded(pid); }));
         }
+        // What a failed test leaves would hold on to the output of this program. Each leads a process group.
+        if (QFile::exists(path(u"started")))
+            for (const QByteArray &pid : contentOf(path(u"started")).split('\n'))
+                if (pid.toInt() > 0)
+                    ::kill(-pid.toInt(), SIGKILL);
         QDBusConnection::disconnectFromBus(u"test"_s);
     }
 
@@ -94,7 +82,7 @@ protected:
     /// What OpenVPN does this time; "started" is there once it does.
     void openvpn(const QByteArray &script)
     {
-        write(path(u"openvpn"), "#!/bin/sh\necho $$ >>" + path(u"started").toUtf8() + "\n" + script + "\n", 0755);
+        writeFile(path(u"openvpn"), "#!/bin/sh\necho $$ >>" + path(u"started").toUtf8() + "\n" + script + "\n", 0755);
     }
     /// The rest of a script: like OpenVPN it ignores SIGHUP while it reads its file and for a moment after, and runs
     /// on.
@@ -140,22 +128,33 @@ protected:
         const QDBusMessage answer = client().call(call);
         return answer.type() == QDBusMessage::ReplyMessage ? answer.arguments()[0].toInt() : -1;
     }
-    /// Sends as another user would; the outcome as above.
-    std::string sendAsOther(const QByteArray &memberAndArguments) const
+    /// Sends as another user would. In the background, because this process answers for polkit meanwhile.
+    void sendAsOther(const QByteArray &memberAndArguments) const
     {
-        const QByteArray command = "setpriv --reuid=" + QByteArray::number(otherUser) +
-                                   " --clear-groups dbus-send --system --print-reply --dest=com.corvale.macos.helper "
-                                   "/com/corvale/macos/helper com.corvale.macos.helper." +
-                                   memberAndArguments + " >" + path(u"other").toUtf8() + " 2>&1 &";
-        // In the background, because this process answers for polkit meanwhile.
-        write(path(u"other"), "");
+        writeFile(path(u"other"), "");
+        const QByteArray command =
+            "setpriv --reuid=" + QByteArray::number(otherUser) +
+            " --clear-groups dbus-send --system --print-reply --reply-timeout=60000 "
+            "--dest=com.corvale.macos.helper /com/corvale/macos/helper com.corvale.macos.helper." +
+            memberAndArguments + " >" + path(u"other").toUtf8() + " 2>&1 &";
         EXPECT_EQ(std::system(command.constData()), 0);
-        EXPECT_TRUE(waitFor([&] { return contents(path(u"other")).contains('\n'); }));
-        return contents(path(u"other")).toStdString();
+    }
+    /// With a file of its own.
+    void runAsOther() const
+    {
+        writeFile(path(u"others.ovpn"), profile, 0600);
+        ASSERT_EQ(::chown(qPrintable(path(u"others.ovpn")), otherUser, 0), 0);
+        sendAsOther("runOpenVPN string:" + path(u"others.ovpn").toUtf8() + " string:" + path(u"client.up").toUtf8() +
+                    " string:" + path(u"client.down").toUtf8());
+    }
+    std::string othersAnswer() const
+    {
+        EXPECT_TRUE(waitFor([&] { return contentOf(path(u"other")).contains('\n'); }));
+        return contentOf(path(u"other")).toStdString();
     }
 
     /// The process number that OpenVPN, or what it started, has written last.
-    pid_t pidIn(QStringView file) const { return contents(path(file)).trimmed().split('\n').last().toInt(); }
+    pid_t pidIn(QStringView file) const { return contentOf(path(file)).trimmed().split('\n').last().toInt(); }
 
     QString folder;
     PrivateBus bus;

@@ -73,7 +73,8 @@ TEST_F(HelperTest, aFileSystemThatHangsCostsItsCallerTwoSecondsAndNobodyElseAnyt
         stuck.push_back(run(u"hanging/profile.ovpn"));
     ASSERT_TRUE(hanging->takesQuestion());
     EXPECT_NE(outcome(send(u"getVersion"_s)), "no answer");
-    EXPECT_THAT(sendAsOther("runOpenVPN string:/missing string:/x string:/x"), HasSubstr("Error.ConfigUnsafe"));
+    sendAsOther("runOpenVPN string:/missing string:/x string:/x");
+    EXPECT_THAT(othersAnswer(), HasSubstr("Error.ConfigUnsafe"));
     EXPECT_LT(steady_clock::now() - began, 1500ms);
     for (const auto &call : stuck)
         EXPECT_EQ(outcome(call), "ConfigUnsafe");
@@ -110,7 +111,8 @@ TEST_F(HelperTest, aUserHasSixteenMessagesUnderWayAndAnotherUserItsOwn)
     EXPECT_EQ(outcome(run()), "Busy");
     EXPECT_EQ(authority.held.size(), 16);
     authority.answer = ScriptedAuthority::Answer::No;
-    EXPECT_THAT(sendAsOther("killOpenVPN"), HasSubstr("Error.NotAuthorized"));
+    sendAsOther("killOpenVPN");
+    EXPECT_THAT(othersAnswer(), HasSubstr("Error.NotAuthorized"));
 
     client().send(authority.held[0].createReply(ScriptedAuthority::verdict(false)));
     EXPECT_TRUE(waitFor([&] { return outcome(run()) == "NotAuthorized"; }));
@@ -124,7 +126,7 @@ TEST_F(HelperTest, messagesLeaveNoMemoryBehind)
     const auto memoryAfter = [](int messages) {
         for (int i = 0; i < messages; ++i)
             EXPECT_EQ(outcome(send(u"killOpenVPN"_s)), "");
-        const QByteArray status = contents(u"/proc/%1/status"_s.arg(helperPid()));
+        const QByteArray status = contentOf(u"/proc/%1/status"_s.arg(helperPid()));
         return status.sliced(status.indexOf("RssAnon:") + 8).trimmed().split(' ').first().toInt(); // KiB
     };
     const int steady = memoryAfter(200);
@@ -171,7 +173,7 @@ TEST_F(HelperTest, anOpenvpnThatDoesNotEndIsKilledWithAllThatItStarted)
     EXPECT_EQ(outcome(send(u"killOpenVPN"_s)), "");
     EXPECT_EQ(outcome(call), "137");
     EXPECT_TRUE(waitFor([&] { return hasEnded(pidIn(u"script")); }));
-    EXPECT_EQ(contents(path(u"restored")).count('\n'), 1);
+    EXPECT_EQ(contentOf(path(u"restored")).count('\n'), 1);
 }
 
 TEST_F(HelperTest, aScriptOfAnOpenvpnThatWasKilledEndsBeforeTheCleaningUp)
@@ -184,23 +186,23 @@ TEST_F(HelperTest, aScriptOfAnOpenvpnThatWasKilledEndsBeforeTheCleaningUp)
 
 TEST_F(HelperTest, theNextHelperEndsAnOpenvpnThatOutlivedItsOwnAndNoOtherProcessOfThatNumber)
 {
+    limits(60'000, 200);
     openvpn("trap '' TERM; " + readAndStay(":"));
     const auto lost = run();
     ASSERT_TRUE(ready());
     ASSERT_TRUE(waitFor([&] { return QFile::exists(path(u"run/openvpn.process")); }));
-    const QByteArray record = contents(path(u"run/openvpn.process"));
+    const QByteArray record = contentOf(path(u"run/openvpn.process"));
     const pid_t tunnel = pidIn(u"started");
     ::kill(helperPid(), SIGKILL);
     EXPECT_EQ(outcome(lost), "NoReply");
     EXPECT_FALSE(hasEnded(tunnel));
-    // It has four seconds to end by itself.
     EXPECT_NE(outcome(send(u"getVersion"_s)), "no answer");
     EXPECT_TRUE(hasEnded(tunnel));
     EXPECT_TRUE(waitFor([&] { return QDir(path(u"run")).isEmpty(); }));
 
     ::kill(helperPid(), SIGKILL);
     ASSERT_TRUE(waitFor([] { return helperPid() < 0; }));
-    write(path(u"run/openvpn.process"), QByteArray::number(::getpid()) + record.mid(record.indexOf(' ')));
+    writeFile(path(u"run/openvpn.process"), QByteArray::number(::getpid()) + record.mid(record.indexOf(' ')));
     EXPECT_NE(outcome(send(u"getVersion"_s)), "no answer"); // and this process is still here to say so
     EXPECT_TRUE(waitFor([&] { return QDir(path(u"run")).isEmpty(); }));
 }
@@ -211,17 +213,39 @@ TEST_F(HelperTest, whatCouldNotBeRestoredIsTriedAgainBeforeTheHelperLeaves)
     for (const char16_t *const note : {u"run/dns", u"kept"}) {
         const QString left = path(note);
         QFile::remove(path(u"restored"));
-        write(path(u"client.down"),
-              "#!/bin/sh\necho restored >>" + path(u"restored").toUtf8() + "\n[ $(wc -l <" +
-                  path(u"restored").toUtf8() + ") -lt 4 ] || rm " + left.toUtf8() + "\n",
-              0755);
+        writeFile(path(u"client.down"),
+                  "#!/bin/sh\necho restored >>" + path(u"restored").toUtf8() + "\n[ $(wc -l <" +
+                      path(u"restored").toUtf8() + ") -lt 4 ] || rm " + left.toUtf8() + "\n",
+                  0755);
         openvpn("echo >" + left.toUtf8());
         EXPECT_EQ(outcome(run()), "0");
         const pid_t helper = helperPid();
         EXPECT_TRUE(waitFor([&] { return !QFile::exists(left); })) << left.toStdString();
-        EXPECT_EQ(contents(path(u"restored")).count('\n'), 4);
+        EXPECT_EQ(contentOf(path(u"restored")).count('\n'), 4);
         EXPECT_TRUE(waitFor([&] { return hasEnded(helper); }));
     }
+}
+
+TEST_F(HelperTest, whatAPowerCutHasLeftIsRestoredAtTheFirstStart)
+{
+    writeFile(path(u"kept"), "");
+    EXPECT_NE(outcome(send(u"getVersion"_s)), "no answer");
+    EXPECT_TRUE(waitFor([&] { return QFile::exists(path(u"restored")); }));
+    QFile::remove(path(u"kept"));
+}
+
+TEST_F(HelperTest, aClientDownThatHangsIsKilled)
+{
+    limits(60'000, 200);
+    writeFile(path(u"client.down"), "#!/bin/sh\nread -r line <>" + path(u"gate").toUtf8() + "\n", 0755);
+    openvpn("exit 3");
+    EXPECT_EQ(outcome(run()), "3");
+}
+
+TEST_F(HelperTest, halfAFileIsNone)
+{
+    bus.activate(name, command(60'000, 10'000) << u"halves"_s);
+    EXPECT_EQ(outcome(run()), "ConfigUnsafe");
 }
 
 TEST_F(HelperTest, aSecondHelperLeavesTheTunnelOfTheFirstAlone)
@@ -248,7 +272,7 @@ TEST_F(HelperTest, aRequestThatMeetsTheHelpersEndIsLeftToTheNextOneAfterThatEnd)
     EXPECT_EQ(outcome(run()), "Leaving");
     EXPECT_NE(helperPid(), first); // it has given up its name before it says so
     EXPECT_EQ(outcome(running), "7");
-    EXPECT_EQ(contents(path(u"started")).count('\n'), 1);
+    EXPECT_EQ(contentOf(path(u"started")).count('\n'), 1);
 }
 
 TEST_F(HelperTest, aHelperWithoutWorkLeavesAndTheNextMessageStartsAnother)

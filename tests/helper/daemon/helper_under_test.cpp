@@ -1,33 +1,48 @@
 // SPDX-License-Identifier: MIT
-// The helper with the paths and limits (milliseconds) of its command line in the place of the system's. With one word
-// more the kernel has no watches for it.
+// The helper with the paths and timeouts (milliseconds) of its command line in the place of the system's. One word more
+// makes something go wrong: "unwatched", the kernel has no watches for it; "halves", its reading child breaks off.
 
 #include "helper_program.h"
 
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <sys/inotify.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 namespace {
-bool watchesAreUsedUp = false;
+const char *mishap = "";
 }
 
 /// In the place of the C library's.
 int inotify_init1(int flags) noexcept
 {
-    if (!watchesAreUsedUp)
+    if (std::strcmp(mishap, "unwatched") != 0)
         return static_cast<int>(::syscall(SYS_inotify_init1, flags));
     errno = EMFILE;
     return -1;
+}
+
+/// Likewise. The child writes the content of a file to descriptor 3.
+ssize_t write(int descriptor, const void *bytes, size_t size)
+{
+    constexpr int pipe = 3;
+    constexpr size_t headersSize = 32;
+    const bool breaksOff = descriptor == pipe && size > headersSize && std::strcmp(mishap, "halves") == 0;
+    const long written = ::syscall(SYS_write, descriptor, bytes, breaksOff ? size / 2 : size);
+    if (breaksOff)
+        ::_exit(1);
+    return written;
 }
 
 int main(int argc, char *argv[])
 {
     if (argc < 9)
         return 2;
-    watchesAreUsedUp = argc > 9;
+    if (argc > 9)
+        mishap = argv[9];
     const auto span = [argv](int number) { return std::chrono::milliseconds(std::atoi(argv[number])); };
-    return helperMain(argc, argv, {argv[1], argv[2], argv[3], argv[4], argv[5]}, {span(6), span(7), span(8)});
+    return helperMain(argc, argv, {argv[1], argv[2], argv[3], argv[4], argv[5]},
+                      {span(6), {span(7), span(8), span(8)}});
 }
