@@ -12,11 +12,11 @@ struct HttpRequest {
     enum class Method { get, post };
 
     Method method = Method::get;
-    QUrl url;                                    ///< https, or the request fails without being sent
-    QByteArray contentType = {};                 ///< of the body; for `post`
-    QByteArray body = {};                        ///< for `post`
-    QByteArray authorization = {};               ///< header of that name, unless empty; never sent to another origin
-    bool last = false;                           ///< none follows soon: connections and memory are given back after it
+    QUrl url;                      ///< https, or the request fails without being sent
+    QByteArray contentType = {};   ///< of the body; for `post`
+    QByteArray body = {};          ///< for `post`
+    QByteArray authorization = {}; ///< header of that name, unless empty; never sent to another origin
+    bool last = false;             ///< none follows soon: connections and memory are given back after it
     std::chrono::milliseconds idleTimeout{60'000}; ///< how long nothing may arrive before the request has failed
 };
 
