@@ -7,7 +7,7 @@
 #include "wait_for.h"
 
 #include <QDBusPendingCallWatcher>
-#include <QDir>
+#include <QProcess>
 
 #include <csignal>
 #include <gmock/gmock.h>
@@ -23,7 +23,8 @@ inline constexpr uid_t otherUser = 65534; // nobody: the bus turns away users th
 /// An orphan may stay a zombie for as long as the machine's first process pleases.
 inline bool hasEnded(pid_t pid)
 {
-    return contentOf(u"/proc/%1/cmdline"_s.arg(pid)).isEmpty();
+    QFile words(u"/proc/%1/cmdline"_s.arg(pid));
+    return !words.open(QIODevice::ReadOnly) || words.readAll().isEmpty();
 }
 
 /// The helper as a process of its own on a private bus, with shell scripts in the place of OpenVPN.
@@ -33,84 +34,97 @@ protected:
     {
         if (::geteuid() != 0)
             GTEST_SKIP() << "the helper is root's";
-        folder = PrivateBus::folder() + u"/helper"_s;
         QDir(folder).removeRecursively();
-        QDir().mkpath(folder);
-        // Like client.down, it is run once more by the helper after OpenVPN.
-        writeFile(path(u"client.up"), "#!/bin/sh\n", 0755);
-        writeFile(path(u"client.down"), "#!/bin/sh\necho restored >>" + path(u"restored").toUtf8() + "\n", 0755);
+        script(u"client.up", "");
+        script(u"client.down", "echo >>restored");
         writeFile(path(u"profile.ovpn"), profile, 0600);
+        openvpn("trap 'exit 7' TERM; " + readAndStay("cat \"$4\" >>reread"));
+        shell("mkfifo gate");
+        bus.configure("<limit name='max_replies_per_connection'>1000</limit>");
         ASSERT_TRUE(bus.start());
-        limits(60'000, 10'000);
+        helpers(60'000, 10'000);
         QDBusConnection::connectToBus(QDBusConnection::SystemBus, u"test"_s);
+        // The bus knows a connection by the user that makes it.
+        ASSERT_EQ(::seteuid(otherUser), 0);
+        QDBusConnection::connectToBus(QDBusConnection::SystemBus, u"other"_s);
+        ASSERT_EQ(::seteuid(0), 0);
         ASSERT_TRUE(authority.offer(client()));
-        openvpn("trap 'exit 7' TERM; " + readAndStay("cat \"$4\" >>" + path(u"reread").toUtf8()));
-        ASSERT_EQ(::mkfifo(qPrintable(path(u"gate")), 0600), 0);
     }
     void TearDown() override
     {
         if (const pid_t pid = helperPid(); pid > 0) {
             ::kill(pid, SIGTERM);
             EXPECT_TRUE(waitFor([pid] { return hasEnded(pid); }));
+            ::kill(pid, SIGKILL);
         }
         // What a failed test leaves would hold on to the output of this program. Each leads a process group.
-        if (QFile::exists(path(u"started")))
-            for (const QByteArray &pid : contentOf(path(u"started")).split('\n'))
-                if (pid.toInt() > 0)
-                    ::kill(-pid.toInt(), SIGKILL);
+        for (const QByteArray &pid : contentOf(path(u"started")).split('\n'))
+            if (pid.toInt() > 0)
+                ::kill(-pid.toInt(), SIGKILL);
         QDBusConnection::disconnectFromBus(u"test"_s);
+        QDBusConnection::disconnectFromBus(u"other"_s);
     }
 
-    /// For helpers that start from now on: milliseconds without work, and with an OpenVPN that is to end.
-    void limits(int idle, int ending) { bus.activate(name, command(idle, ending)); }
-    QStringList command(int idle, int ending) const
+    /// Helpers that start from now on leave after `idle` milliseconds without work and kill an OpenVPN that takes
+    /// `ending` milliseconds to end. `mishap` is what goes wrong for them, as helper_under_test.cpp lists it.
+    void helpers(int idle, int ending, const QString &mishap = {})
     {
-        return {QStringLiteral(HELPER_UNDER_TEST),
-                path(u"openvpn"),
-                path(u"client.up"),
-                path(u"client.down"),
-                path(u"run"),
-                path(u"kept"),
-                QString::number(idle),
-                QString::number(ending),
-                u"100"_s};
+        command = {QStringLiteral(HELPER_UNDER_TEST), folder, QString::number(idle), QString::number(ending), mishap};
+        bus.activate(name, command);
     }
 
     /// Not the shared connection of Qt, which would still mean the bus of an earlier test.
     static QDBusConnection client() { return QDBusConnection(u"test"_s); }
+    static QDBusConnection other() { return QDBusConnection(u"other"_s); } ///< another user's
     QString path(QStringView file) const { return folder + u'/' + file.toString(); }
-    /// What OpenVPN does this time; "started" is there once it does.
-    void openvpn(const QByteArray &script)
+    bool exists(QStringView file) const { return QFile::exists(path(file)); }
+    qsizetype lines(QStringView file) const { return contentOf(path(file)).count('\n'); }
+    void shell(const QByteArray &commands) const
     {
-        writeFile(path(u"openvpn"), "#!/bin/sh\necho $$ >>" + path(u"started").toUtf8() + "\n" + script + "\n", 0755);
+        const QString all = u"cd %1\n"_s.arg(folder) + QString::fromUtf8(commands);
+        EXPECT_EQ(QProcess::execute(u"sh"_s, {u"-ec"_s, all}), 0) << commands.constData();
     }
+    void script(QStringView file, const QByteArray &commands) const
+    {
+        writeFile(path(file), "#!/bin/sh\ncd " + folder.toUtf8() + '\n' + commands + '\n', 0755);
+    }
+    /// What OpenVPN does this time; it is noted in "started".
+    void openvpn(const QByteArray &commands) const { script(u"openvpn", "echo $$ >>started\n" + commands); }
     /// The rest of a script: like OpenVPN it ignores SIGHUP while it reads its file and for a moment after, and runs
     /// on.
-    QByteArray readAndStay(const QByteArray &onReload) const
+    static QByteArray readAndStay(const QByteArray &onReload)
     {
-        return "trap '' HUP; cat \"$4\" >/dev/null; sleep 0.05; trap '" + onReload + "' HUP; echo >" +
-               path(u"ready").toUtf8() + "; while :; do read -r line <>" + path(u"gate").toUtf8() + "; done";
+        return "trap '' HUP; cat \"$4\" >/dev/null; sleep 0.05; trap '" + onReload +
+               "' HUP; echo >ready; while :; do read -r line <>gate; done";
     }
-    bool ready() const
-    {
-        return waitFor([&] { return QFile::exists(path(u"ready")); });
-    }
+    /// The process number that OpenVPN, or what it started, has written last.
+    pid_t pidIn(QStringView file) const { return contentOf(path(file)).trimmed().split('\n').last().toInt(); }
 
-    static QDBusMessage message(const QString &member)
+    static QDBusPendingCall send(const QString &member, const QVariantList &arguments = {},
+                                 const QDBusConnection &sender = client())
     {
-        return QDBusMessage::createMethodCall(name, u"/com/corvale/macos/helper"_s, name, member);
-    }
-    static QDBusPendingCall send(const QString &member, const QVariantList &arguments = {})
-    {
-        auto call = message(member);
+        auto call = QDBusMessage::createMethodCall(name, u"/com/corvale/macos/helper"_s, name, member);
         call.setArguments(arguments);
-        return client().asyncCall(call);
+        return sender.asyncCall(call);
     }
-    QDBusPendingCall run(QStringView config = u"profile.ovpn") const
+    static QDBusPendingCall kill(const QDBusConnection &sender = client())
     {
-        return send(u"runOpenVPN"_s, {path(config), path(u"client.up"), path(u"client.down")});
+        return send(u"killOpenVPN"_s, {}, sender);
     }
-    /// A reply's status, or the last part of an error's name.
+    QDBusPendingCall run(QStringView config = u"profile.ovpn", const QDBusConnection &sender = client(),
+                         QStringView up = u"client.up", QStringView down = u"client.down") const
+    {
+        return send(u"runOpenVPN"_s, {path(config), path(up), path(down)}, sender);
+    }
+    /// With an OpenVPN that has read its file and stays.
+    QDBusPendingCall runUntilReady(QStringView config = u"profile.ovpn", const QDBusConnection &sender = client()) const
+    {
+        QFile::remove(path(u"ready"));
+        const auto call = run(config, sender);
+        EXPECT_TRUE(waitFor([&] { return exists(u"ready"); }));
+        return call;
+    }
+    /// A reply's value, or the last part of an error's name.
     static std::string outcome(const QDBusPendingCall &call)
     {
         QDBusPendingCallWatcher watcher(call);
@@ -120,43 +134,17 @@ protected:
             return watcher.error().name().section(u'.', -1).toStdString();
         return watcher.reply().arguments().value(0).toString().toStdString();
     }
+    static std::string version() { return outcome(send(u"getVersion"_s)); }
     static pid_t helperPid()
     {
         auto call = QDBusMessage::createMethodCall(u"org.freedesktop.DBus"_s, u"/"_s, u"org.freedesktop.DBus"_s,
                                                    u"GetConnectionUnixProcessID"_s);
         call << name;
-        const QDBusMessage answer = client().call(call);
-        return answer.type() == QDBusMessage::ReplyMessage ? answer.arguments()[0].toInt() : -1;
-    }
-    /// Sends as another user would. In the background, because this process answers for polkit meanwhile.
-    void sendAsOther(const QByteArray &memberAndArguments) const
-    {
-        writeFile(path(u"other"), "");
-        const QByteArray command =
-            "setpriv --reuid=" + QByteArray::number(otherUser) +
-            " --clear-groups dbus-send --system --print-reply --reply-timeout=60000 "
-            "--dest=com.corvale.macos.helper /com/corvale/macos/helper com.corvale.macos.helper." +
-            memberAndArguments + " >" + path(u"other").toUtf8() + " 2>&1 &";
-        EXPECT_EQ(std::system(command.constData()), 0);
-    }
-    /// With a file of its own.
-    void runAsOther() const
-    {
-        writeFile(path(u"others.ovpn"), profile, 0600);
-        ASSERT_EQ(::chown(qPrintable(path(u"others.ovpn")), otherUser, 0), 0);
-        sendAsOther("runOpenVPN string:" + path(u"others.ovpn").toUtf8() + " string:" + path(u"client.up").toUtf8() +
-                    " string:" + path(u"client.down").toUtf8());
-    }
-    std::string othersAnswer() const
-    {
-        EXPECT_TRUE(waitFor([&] { return contentOf(path(u"other")).contains('\n'); }));
-        return contentOf(path(u"other")).toStdString();
+        return client().call(call).arguments().value(0).toInt(); // an error's argument is no number
     }
 
-    /// The process number that OpenVPN, or what it started, has written last.
-    pid_t pidIn(QStringView file) const { return contentOf(path(file)).trimmed().split('\n').last().toInt(); }
-
-    QString folder;
+    const QString folder = PrivateBus::folder() + u"/helper"_s;
     PrivateBus bus;
+    QStringList command;
     ScriptedAuthority authority;
 };

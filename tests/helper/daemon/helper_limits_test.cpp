@@ -3,13 +3,12 @@
 
 #include "helper_fixture.h"
 
-#include <QProcess>
-
 #include <chrono>
 #include <csignal>
 #include <fcntl.h>
 #include <linux/fuse.h>
 #include <sys/mount.h>
+#include <sys/uio.h>
 
 using std::chrono::steady_clock;
 using namespace std::chrono_literals;
@@ -25,19 +24,17 @@ public:
     {
         QDir().mkpath(where);
         const QByteArray options = "rootmode=40000,user_id=0,group_id=0,allow_other,fd=" + QByteArray::number(device_);
-        mounted_ = ::mount("hanging", where_, "fuse", MS_NOSUID | MS_NODEV, options) == 0;
-        char request[8192 + FUSE_MIN_READ_BUFFER];
-        if (!mounted_ || !waitFor([&] { return ::read(device_, request, sizeof request) > 0; }))
+        if (::mount("hanging", where_, "fuse", MS_NOSUID | MS_NODEV, options) != 0 || !takesQuestion())
             return;
         struct {
             fuse_out_header header;
             fuse_init_out init;
         } answer{};
-        answer.header = {sizeof answer, 0, reinterpret_cast<fuse_in_header *>(request)->unique};
+        answer.header = {sizeof answer, 0, question_.unique};
         answer.init.major = FUSE_KERNEL_VERSION;
         answer.init.minor = FUSE_KERNEL_MINOR_VERSION;
         answer.init.max_write = 4096;
-        mounted_ = ::write(device_, &answer, sizeof answer) == sizeof answer;
+        works_ = ::write(device_, &answer, sizeof answer) == sizeof answer;
     }
     ~HangingFileSystem()
     {
@@ -47,17 +44,19 @@ public:
     HangingFileSystem(const HangingFileSystem &) = delete;
     HangingFileSystem &operator=(const HangingFileSystem &) = delete;
 
-    [[nodiscard]] bool works() const { return mounted_; }
-    [[nodiscard]] bool takesQuestion() const
+    [[nodiscard]] bool works() const { return works_; }
+    [[nodiscard]] bool takesQuestion()
     {
-        char request[FUSE_MIN_READ_BUFFER];
-        return waitFor([&] { return ::read(device_, request, sizeof request) > 0; });
+        char rest[8192 + FUSE_MIN_READ_BUFFER];
+        const iovec parts[] = {{&question_, sizeof question_}, {rest, sizeof rest}};
+        return waitFor([&] { return ::readv(device_, parts, 2) > 0; });
     }
 
 private:
     const QByteArray where_;
     const int device_;
-    bool mounted_ = false;
+    fuse_in_header question_{};
+    bool works_ = false;
 };
 
 } // namespace
@@ -69,12 +68,12 @@ TEST_F(HelperTest, aFileSystemThatHangsCostsItsCallerTwoSecondsAndNobodyElseAnyt
         GTEST_SKIP() << "no FUSE here";
     const auto began = steady_clock::now();
     std::vector<QDBusPendingCall> stuck;
-    for (int i = 0; i < 5; ++i)
+    for (int i = 0; i < 16; ++i)
         stuck.push_back(run(u"hanging/profile.ovpn"));
+    EXPECT_EQ(outcome(run()), "Busy") << "a request counts until its files are read";
     ASSERT_TRUE(hanging->takesQuestion());
-    EXPECT_NE(outcome(send(u"getVersion"_s)), "no answer");
-    sendAsOther("runOpenVPN string:/missing string:/x string:/x");
-    EXPECT_THAT(othersAnswer(), HasSubstr("Error.ConfigUnsafe"));
+    EXPECT_NE(version(), "no answer");
+    EXPECT_EQ(outcome(run(u"missing", other())), "ConfigUnsafe");
     EXPECT_LT(steady_clock::now() - began, 1500ms);
     for (const auto &call : stuck)
         EXPECT_EQ(outcome(call), "ConfigUnsafe");
@@ -90,29 +89,33 @@ TEST_F(HelperTest, aFileSystemThatHangsCostsItsCallerTwoSecondsAndNobodyElseAnyt
     EXPECT_TRUE(waitFor([&] { return outcome(run()) == "3"; }));
 }
 
-TEST_F(HelperTest, aRequestWhoseFilesAreBeingReadCanBeEnded)
+TEST_F(HelperTest, aRequestWhoseFilesAreBeingReadCanBeEndedByItsUser)
 {
-    const HangingFileSystem hanging(path(u"hanging"));
+    HangingFileSystem hanging(path(u"hanging"));
     if (!hanging.works())
         GTEST_SKIP() << "no FUSE here";
     const auto reading = run(u"hanging/profile.ovpn");
     ASSERT_TRUE(hanging.takesQuestion());
-    EXPECT_EQ(outcome(send(u"killOpenVPN"_s)), "");
+    EXPECT_EQ(outcome(kill(other())), "");
+    EXPECT_FALSE(reading.isFinished());
+    EXPECT_EQ(outcome(kill()), "");
     EXPECT_EQ(outcome(reading), "Internal");
     EXPECT_EQ(reading.error().message(), u"The tunnel was ended before it began."_s);
+    // The child that is stuck holds nothing of a helper that dies.
+    ::kill(helperPid(), SIGKILL);
+    EXPECT_TRUE(waitFor([] { return helperPid() == 0; }));
 }
 
 TEST_F(HelperTest, aUserHasSixteenMessagesUnderWayAndAnotherUserItsOwn)
 {
     authority.answer = ScriptedAuthority::Answer::Hold;
     for (int i = 0; i < 16; ++i)
-        send(u"killOpenVPN"_s);
+        kill();
     ASSERT_TRUE(waitFor([&] { return authority.held.size() == 16; }));
     EXPECT_EQ(outcome(run()), "Busy");
     EXPECT_EQ(authority.held.size(), 16);
     authority.answer = ScriptedAuthority::Answer::No;
-    sendAsOther("killOpenVPN");
-    EXPECT_THAT(othersAnswer(), HasSubstr("Error.NotAuthorized"));
+    EXPECT_EQ(outcome(kill(other())), "NotAuthorized");
 
     client().send(authority.held[0].createReply(ScriptedAuthority::verdict(false)));
     EXPECT_TRUE(waitFor([&] { return outcome(run()) == "NotAuthorized"; }));
@@ -123,9 +126,13 @@ TEST_F(HelperTest, messagesLeaveNoMemoryBehind)
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
     GTEST_SKIP() << "what was freed is kept for a while";
 #endif
-    const auto memoryAfter = [](int messages) {
-        for (int i = 0; i < messages; ++i)
-            EXPECT_EQ(outcome(send(u"killOpenVPN"_s)), "");
+    const auto memoryAfter = [this](int messages) {
+        for (int sent = 0; sent < messages; sent += 10) {
+            std::vector<QDBusPendingCall> calls;
+            while (calls.size() < 10)
+                calls.push_back(kill());
+            EXPECT_EQ(outcome(calls.back()), "");
+        }
         const QByteArray status = contentOf(u"/proc/%1/status"_s.arg(helperPid()));
         return status.sliced(status.indexOf("RssAnon:") + 8).trimmed().split(' ').first().toInt(); // KiB
     };
@@ -138,152 +145,139 @@ TEST_F(HelperTest, hugeMessagesAreRefusedAndDoNotMakeTheHelperDeaf)
     authority.answer = ScriptedAuthority::Answer::Hold;
     const QString huge(30'000'000, u'a');
     std::vector<QDBusPendingCall> calls;
-    EXPECT_NE(outcome(send(u"getVersion"_s)), "no answer");
+    EXPECT_NE(version(), "no answer");
     // So that they are there all at once.
     ::kill(helperPid(), SIGSTOP);
     for (int i = 0; i < 4; ++i)
-        calls.push_back(send(u"runOpenVPN"_s, {huge, path(u"client.up"), path(u"client.down")}));
+        calls.push_back(run(huge));
     const pid_t helper = helperPid(); // answered by the bus after it has them all
     ::kill(helper, SIGCONT);
     for (const auto &call : calls)
         EXPECT_EQ(outcome(call), "ConfigUnsafe");
-    EXPECT_NE(outcome(send(u"getVersion"_s)), "no answer");
+    EXPECT_NE(version(), "no answer");
     EXPECT_TRUE(authority.asked.isEmpty());
 }
 
 TEST_F(HelperTest, ofTheRequestsThatWaitForATunnelsEndTheOldestGivesWay)
 {
-    std::vector<QDBusPendingCall> calls{run()};
-    ASSERT_TRUE(ready());
+    std::vector<QDBusPendingCall> calls{runUntilReady()};
     for (int i = 1; i <= 16; ++i)
         calls.push_back(run());
     EXPECT_EQ(outcome(calls[0]), "Busy");
-    EXPECT_EQ(outcome(send(u"killOpenVPN"_s)), "");
+    EXPECT_EQ(outcome(kill()), "");
     for (size_t i = 1; i < calls.size(); ++i)
         EXPECT_EQ(outcome(calls[i]), "7") << i;
 }
 
-TEST_F(HelperTest, anOpenvpnThatDoesNotEndIsKilledWithAllThatItStarted)
+TEST_F(HelperTest, whatDoesNotEndIsKilledWithAllThatItStarted)
 {
-    limits(60'000, 200);
-    openvpn("trap '' TERM; (trap '' TERM; read -r line <>" + path(u"gate").toUtf8() + ") & echo $! >" +
-            path(u"script").toUtf8() + "; wait");
+    helpers(60'000, 200);
+    script(u"client.down", "echo >>restored; read -r line <>gate");
+    openvpn("trap '' TERM; (trap '' TERM; read -r line <>gate) & echo $! >script; wait");
     const auto call = run();
     ASSERT_TRUE(waitFor([&] { return pidIn(u"script") > 0; }));
-    EXPECT_EQ(outcome(send(u"killOpenVPN"_s)), "");
+    EXPECT_EQ(outcome(kill()), "");
     EXPECT_EQ(outcome(call), "137");
     EXPECT_TRUE(waitFor([&] { return hasEnded(pidIn(u"script")); }));
-    EXPECT_EQ(contentOf(path(u"restored")).count('\n'), 1);
+    EXPECT_EQ(lines(u"restored"), 1);
 }
 
 TEST_F(HelperTest, aScriptOfAnOpenvpnThatWasKilledEndsBeforeTheCleaningUp)
 {
-    openvpn("(read -r line <>" + path(u"gate").toUtf8() + ") & echo $! >" + path(u"script").toUtf8() +
-            "; kill -KILL $$");
+    openvpn("(read -r line <>gate) & echo $! >script; kill -KILL $$");
     EXPECT_EQ(outcome(run()), "137");
     EXPECT_TRUE(waitFor([&] { return hasEnded(pidIn(u"script")); }));
 }
 
 TEST_F(HelperTest, theNextHelperEndsAnOpenvpnThatOutlivedItsOwnAndNoOtherProcessOfThatNumber)
 {
-    limits(60'000, 200);
-    openvpn("trap '' TERM; " + readAndStay(":"));
-    const auto lost = run();
-    ASSERT_TRUE(ready());
-    ASSERT_TRUE(waitFor([&] { return QFile::exists(path(u"run/openvpn.process")); }));
+    helpers(60'000, 200);
+    openvpn("trap '' TERM; (trap '' TERM; read -r line <>gate) & echo $! >script; " + readAndStay(":"));
+    const auto lost = runUntilReady();
+    ASSERT_TRUE(waitFor([&] { return exists(u"run/openvpn.process"); }));
     const QByteArray record = contentOf(path(u"run/openvpn.process"));
-    const pid_t tunnel = pidIn(u"started");
     ::kill(helperPid(), SIGKILL);
     EXPECT_EQ(outcome(lost), "NoReply");
-    EXPECT_FALSE(hasEnded(tunnel));
-    EXPECT_NE(outcome(send(u"getVersion"_s)), "no answer");
-    EXPECT_TRUE(hasEnded(tunnel));
+    EXPECT_FALSE(hasEnded(pidIn(u"started")));
+    EXPECT_NE(version(), "no answer");
+    EXPECT_TRUE(waitFor([&] { return hasEnded(pidIn(u"started")) && hasEnded(pidIn(u"script")); }));
     EXPECT_TRUE(waitFor([&] { return QDir(path(u"run")).isEmpty(); }));
 
     ::kill(helperPid(), SIGKILL);
-    ASSERT_TRUE(waitFor([] { return helperPid() < 0; }));
+    ASSERT_TRUE(waitFor([] { return helperPid() == 0; }));
     writeFile(path(u"run/openvpn.process"), QByteArray::number(::getpid()) + record.mid(record.indexOf(' ')));
-    EXPECT_NE(outcome(send(u"getVersion"_s)), "no answer"); // and this process is still here to say so
+    EXPECT_NE(version(), "no answer"); // and this process is still here to say so
     EXPECT_TRUE(waitFor([&] { return QDir(path(u"run")).isEmpty(); }));
 }
 
 TEST_F(HelperTest, whatCouldNotBeRestoredIsTriedAgainBeforeTheHelperLeaves)
 {
-    limits(100, 10'000);
-    for (const char16_t *const note : {u"run/dns", u"kept"}) {
-        const QString left = path(note);
+    helpers(100, 10'000);
+    for (const char *const left : {"run/dns", "kept"}) {
         QFile::remove(path(u"restored"));
-        writeFile(path(u"client.down"),
-                  "#!/bin/sh\necho restored >>" + path(u"restored").toUtf8() + "\n[ $(wc -l <" +
-                      path(u"restored").toUtf8() + ") -lt 4 ] || rm " + left.toUtf8() + "\n",
-                  0755);
-        openvpn("echo >" + left.toUtf8());
+        script(u"client.down", "echo >>restored; [ $(wc -l <restored) -lt 4 ] || rm " + QByteArray(left));
+        openvpn("echo >" + QByteArray(left));
         EXPECT_EQ(outcome(run()), "0");
         const pid_t helper = helperPid();
-        EXPECT_TRUE(waitFor([&] { return !QFile::exists(left); })) << left.toStdString();
-        EXPECT_EQ(contentOf(path(u"restored")).count('\n'), 4);
+        EXPECT_TRUE(waitFor([&] { return !exists(QString::fromUtf8(left)); })) << left;
+        EXPECT_EQ(lines(u"restored"), 4);
         EXPECT_TRUE(waitFor([&] { return hasEnded(helper); }));
     }
 }
 
 TEST_F(HelperTest, whatAPowerCutHasLeftIsRestoredAtTheFirstStart)
 {
+    script(u"client.down", "rm kept");
     writeFile(path(u"kept"), "");
-    EXPECT_NE(outcome(send(u"getVersion"_s)), "no answer");
-    EXPECT_TRUE(waitFor([&] { return QFile::exists(path(u"restored")); }));
-    QFile::remove(path(u"kept"));
-}
-
-TEST_F(HelperTest, aClientDownThatHangsIsKilled)
-{
-    limits(60'000, 200);
-    writeFile(path(u"client.down"), "#!/bin/sh\nread -r line <>" + path(u"gate").toUtf8() + "\n", 0755);
-    openvpn("exit 3");
-    EXPECT_EQ(outcome(run()), "3");
+    EXPECT_NE(version(), "no answer");
+    EXPECT_TRUE(waitFor([&] { return !exists(u"kept"); }));
 }
 
 TEST_F(HelperTest, halfAFileIsNone)
 {
-    bus.activate(name, command(60'000, 10'000) << u"halves"_s);
+    helpers(60'000, 10'000, u"halves"_s);
     EXPECT_EQ(outcome(run()), "ConfigUnsafe");
 }
 
 TEST_F(HelperTest, aSecondHelperLeavesTheTunnelOfTheFirstAlone)
 {
-    const auto tunnel = run();
-    ASSERT_TRUE(ready());
-    ASSERT_TRUE(waitFor([&] { return QFile::exists(path(u"run/openvpn.process")); }));
-    const QStringList words = command(60'000, 10'000);
-    EXPECT_EQ(QProcess::execute(words.first(), words.sliced(1)), EXIT_FAILURE);
-    EXPECT_FALSE(QFile::exists(path(u"restored")));
+    const auto tunnel = runUntilReady();
+    ASSERT_TRUE(waitFor([&] { return exists(u"run/openvpn.process"); }));
+    EXPECT_EQ(QProcess::execute(command.first(), command.sliced(1)), EXIT_FAILURE);
+    EXPECT_FALSE(exists(u"restored"));
     EXPECT_FALSE(hasEnded(pidIn(u"started")));
-    EXPECT_EQ(outcome(send(u"killOpenVPN"_s)), "");
+    EXPECT_EQ(outcome(kill()), "");
     EXPECT_EQ(outcome(tunnel), "7");
 }
 
 TEST_F(HelperTest, aRequestThatMeetsTheHelpersEndIsLeftToTheNextOneAfterThatEnd)
 {
-    openvpn("trap 'echo >" + path(u"told").toUtf8() + "; sleep 0.3; exit 7' TERM; " + readAndStay(":"));
-    const auto running = run();
-    ASSERT_TRUE(ready());
+    openvpn("trap 'echo >told; read -r line <>gate; exit 7' TERM; " + readAndStay(":"));
+    const auto running = runUntilReady();
     const pid_t first = helperPid();
-    ::kill(first, SIGTERM);
-    ASSERT_TRUE(waitFor([&] { return QFile::exists(path(u"told")); }));
-    EXPECT_EQ(outcome(run()), "Leaving");
+    ::kill(first, SIGINT);
+    ASSERT_TRUE(waitFor([&] { return exists(u"told"); }));
+    std::vector<QDBusPendingCall> late;
+    for (int i = 0; i < 256; ++i)
+        late.push_back(run());
+    EXPECT_EQ(outcome(late.back()), "Busy") << "more wait than the next helper may get";
+    shell("echo >gate");
+    EXPECT_EQ(outcome(late.front()), "Leaving");
     EXPECT_NE(helperPid(), first); // it has given up its name before it says so
     EXPECT_EQ(outcome(running), "7");
-    EXPECT_EQ(contentOf(path(u"started")).count('\n'), 1);
+    EXPECT_EQ(lines(u"started"), 1);
+    EXPECT_EQ(lines(u"restored"), 1);
+    EXPECT_TRUE(QDir(path(u"run")).isEmpty());
 }
 
 TEST_F(HelperTest, aHelperWithoutWorkLeavesAndTheNextMessageStartsAnother)
 {
-    limits(100, 10'000);
-    const auto running = run();
-    ASSERT_TRUE(ready());
+    helpers(100, 10'000);
+    const auto running = runUntilReady();
     const pid_t first = helperPid();
     ASSERT_FALSE(waitFor([&] { return helperPid() != first; }, 400ms)) << "it left its tunnel alone";
-    EXPECT_EQ(outcome(send(u"killOpenVPN"_s)), "");
+    EXPECT_EQ(outcome(kill()), "");
     EXPECT_TRUE(waitFor([&] { return hasEnded(first); }));
-    EXPECT_NE(outcome(send(u"getVersion"_s)), "NoReply");
+    EXPECT_NE(version(), "NoReply");
     EXPECT_NE(helperPid(), first);
 }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// The helper with the paths and timeouts (milliseconds) of its command line in the place of the system's. One word more
-// makes something go wrong: "unwatched", the kernel has no watches for it; "halves", its reading child breaks off.
+// The helper with the folder and timeouts (milliseconds) of its command line in the place of the system's. One word
+// more makes something go wrong: "unwatched", the kernel has no watches for it; "halves", its reading child breaks off.
 
 #include "helper_program.h"
 
@@ -38,11 +38,17 @@ ssize_t write(int descriptor, const void *bytes, size_t size)
 
 int main(int argc, char *argv[])
 {
-    if (argc < 9)
-        return 2;
-    if (argc > 9)
-        mishap = argv[9];
-    const auto span = [argv](int number) { return std::chrono::milliseconds(std::atoi(argv[number])); };
-    return helperMain(argc, argv, {argv[1], argv[2], argv[3], argv[4], argv[5]},
-                      {span(6), {span(7), span(8), span(8)}});
+    if (argc < 4)
+        return EXIT_FAILURE;
+    if (argc > 4)
+        mishap = argv[4];
+    constexpr unsigned testTimeout = 100; // seconds; what a test that was itself killed leaves ends then
+    ::alarm(testTimeout);
+    const QByteArray folder = argv[1];
+    const std::chrono::milliseconds idle(std::atoi(argv[2]));
+    const std::chrono::milliseconds ending(std::atoi(argv[3]));
+    return helperMain(
+        argc, argv,
+        {folder + "/openvpn", folder + "/client.up", folder + "/client.down", folder + "/run", folder + "/kept"},
+        {idle, {ending, ending, std::chrono::milliseconds(100)}});
 }
