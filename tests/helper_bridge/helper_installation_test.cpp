@@ -18,7 +18,6 @@
 #include <thread>
 
 using namespace Qt::StringLiterals;
-using Answer = ScriptedAuthority::Answer;
 using testing::HasSubstr;
 using testing::StartsWith;
 
@@ -40,11 +39,6 @@ protected:
         EXPECT_TRUE(bus.start());
     }
     ~HelperInstallationTest() override { QDBusConnection::disconnectFromBus(u"authority"_s); }
-    void offerAuthority(Answer answer)
-    {
-        authority.answer = answer;
-        ASSERT_TRUE(authority.offer(QDBusConnection::connectToBus(QDBusConnection::SystemBus, u"authority"_s)));
-    }
     static QString script(const QByteArray &commands)
     {
         QString path = PrivateBus::folder() + u"/pkexec"_s;
@@ -149,35 +143,6 @@ TEST_F(HelperInstallationTest, aBundleWithoutAReadableVersionIsAnsweredAtOnceAnd
     EXPECT_EQ(answers, 2);
 }
 
-TEST_F(HelperInstallationTest, aRefusedRightIsLoggedWithItsNumberAndEndsTheApplication)
-{
-    struct Row {
-        Answer answer;
-        const char *code;
-    };
-    const Row rows[] = {{Answer::No, "-60005"},    {Answer::Dismissed, "-60006"},  {Answer::Challenge, "-60007"},
-                        {Answer::Error, "-60008"}, {Answer::Unreadable, "-60008"}, {Answer::Hold, "-60008"}};
-    const QString pkexec = script("echo called >&2");
-    const auto line = [](const char *code) {
-        return "Authorization error: Error Domain=NSOSStatusErrorDomain Code=" + std::string(code) + " \"(null)\"\n";
-    };
-    EXPECT_THAT(install(pkexec).toStdString(), testing::EndsWith(line("-60008"))); // nobody there
-    EXPECT_TRUE(quit);
-    for (const Row &row : rows) {
-        SCOPED_TRACE(row.code);
-        offerAuthority(row.answer);
-        QTimer crash;
-        QObject::connect(&crash, &QTimer::timeout, [this] {
-            if (!authority.held.isEmpty())
-                bus.kill();
-        });
-        crash.start(1);
-        EXPECT_THAT(install(pkexec).toStdString(), testing::EndsWith(line(row.code)));
-        EXPECT_TRUE(quit);
-        QDBusConnection::disconnectFromBus(u"authority"_s);
-    }
-}
-
 TEST_F(HelperInstallationTest, theBlessingIsAChildOfThisProcessAndItsFailureSaysWhyAndEndsTheApplication)
 {
     struct Row {
@@ -194,7 +159,7 @@ TEST_F(HelperInstallationTest, theBlessingIsAChildOfThisProcessAndItsFailureSays
         {u"echo The helper; echo 'has no\nversion.' >&2; exit 1"_s, "status 1. It said: has no version.\n", true},
         {u"head -c 300000 /dev/zero | tr '\\0' x >&2; kill -9 $$"_s, "ended by signal 9. It said: xxxxx", true},
     };
-    offerAuthority(Answer::Yes);
+    ASSERT_TRUE(authority.offer(QDBusConnection::connectToBus(QDBusConnection::SystemBus, u"authority"_s)));
     for (const Row &row : rows) {
         SCOPED_TRACE(row.log);
         const std::string log = install(script(row.pkexec.toUtf8())).toStdString();
