@@ -29,8 +29,9 @@ Descriptor requestsToEnd()
     return Descriptor(::signalfd(-1, &ends, SFD_CLOEXEC | SFD_NONBLOCK));
 }
 
-/// The bus library reads no more while 63 MB of messages are being handled, which three messages of a hostile caller
-/// are; and then Qt, which lets go of messages on another thread than the one that reads, never begins again.
+/// The bus library stops reading while more than 63 MB of messages are being handled, and three messages of a hostile
+/// caller can be that large. It would never begin again, because Qt releases messages on another thread than the one
+/// that reads.
 void neverStopReading(const QDBusConnection &bus)
 {
     ::dbus_connection_set_max_received_size(static_cast<DBusConnection *>(bus.internalPointer()),

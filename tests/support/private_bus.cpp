@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "private_bus.h"
 
-#include <QDir>
-#include <QFile>
+#include "files.h"
+
 #include <QTemporaryDir>
 
 #include <csignal>
@@ -16,18 +16,9 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-void write(const QString &path, const QByteArray &bytes)
-{
-    QFile file(path);
-    if (!file.open(QIODevice::WriteOnly) || file.write(bytes) != bytes.size())
-        qFatal("cannot write %s", qPrintable(path));
-}
-
 QByteArray configuration(const QString &folder, const QByteArray &extra)
 {
-    QByteArray xml = R"(<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
- "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
-<busconfig>
+    QByteArray xml = R"(<busconfig>
   <type>system</type>
   <listen>unix:path=FOLDER/socket</listen>
   <servicedir>FOLDER/services</servicedir>
@@ -39,8 +30,7 @@ QByteArray configuration(const QString &folder, const QByteArray &extra)
     <allow receive_sender="*"/>
   </policy>
 EXTRA
-</busconfig>
-)";
+</busconfig>)";
     return xml.replace("FOLDER", folder.toUtf8()).replace("EXTRA", extra);
 }
 
@@ -80,7 +70,7 @@ PrivateBus::~PrivateBus()
 bool PrivateBus::start()
 {
     QFile::remove(folder() + u"/socket"_s);
-    write(folder() + u"/bus.conf"_s, configuration(folder(), extra_));
+    writeFile(folder() + u"/bus.conf"_s, configuration(folder(), extra_));
     int printed[2];
     if (::pipe2(printed, O_CLOEXEC) != 0)
         return false;
@@ -110,8 +100,8 @@ void PrivateBus::kill()
 
 void PrivateBus::activate(const QString &name, const QStringList &command)
 {
-    write(folder() + u"/services/"_s + name + u".service"_s,
-          "[D-BUS Service]\nName=" + name.toUtf8() + "\nUser=root\nExec=" + command.join(u' ').toUtf8() + '\n');
+    writeFile(folder() + u"/services/"_s + name + u".service"_s,
+              "[D-BUS Service]\nName=" + name.toUtf8() + "\nUser=root\nExec=" + command.join(u' ').toUtf8() + '\n');
     reload();
 }
 

@@ -37,16 +37,12 @@ public:
     }
     static QVariant verdict(bool authorized, bool challenge = false, bool dismissed = false)
     {
+        QMap<QString, QString> details;
+        if (dismissed)
+            details.insert(QStringLiteral("polkit.dismissed"), QStringLiteral("true"));
         QDBusArgument result;
         result.beginStructure();
-        result << authorized << challenge;
-        result.beginMap(QMetaType::fromType<QString>(), QMetaType::fromType<QString>());
-        if (dismissed) {
-            result.beginMapEntry();
-            result << QStringLiteral("polkit.dismissed") << QStringLiteral("true");
-            result.endMapEntry();
-        }
-        result.endMap();
+        result << authorized << challenge << details;
         result.endStructure();
         return QVariant::fromValue(result);
     }
