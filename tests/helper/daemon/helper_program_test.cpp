@@ -92,13 +92,16 @@ TEST_F(HelperTest, aCopyOfTheScriptsIsAcceptedAndTheReplyIsHowOpenvpnEnded)
     script(u"client.down", "sleep 0.1; echo >>restored");
     shell("cp client.up copy.up; cp client.down copy.down");
     int runs = 0;
-    for (const auto &[ending, status] :
-         {std::pair("exit 0", "0"), {"exit 3", "3"}, {"kill -KILL $$", "137"}, {"kill -SEGV $$", "139"}}) {
+    for (const auto &[ending, status] : {std::pair("exit 0", "0"),
+                                         {"exit 3", "3"},
+                                         {"(read -r line <>gate) & echo $! >script; kill -KILL $$", "137"},
+                                         {"kill -SEGV $$", "139"}}) {
         openvpn(ending);
         EXPECT_EQ(outcome(run(u"profile.ovpn", client(), u"copy.up", u"copy.down")), status);
         EXPECT_EQ(lines(u"restored"), ++runs) << "answered before everything was cleaned up";
         EXPECT_TRUE(QDir(path(u"run")).isEmpty());
     }
+    EXPECT_TRUE(waitFor([&] { return hasEnded(pidIn(u"script")); })) << "a script outlived its OpenVPN";
 
     shell("rm openvpn");
     EXPECT_EQ(outcome(run()), "Internal");
