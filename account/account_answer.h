@@ -13,9 +13,9 @@ class AccountAnswer {
 public:
     enum class Kind {
         success,        ///< `document()` is there: an object or an array
-        rejected,       ///< the service answered, and refused or broke off
+        rejected,       ///< the service answered, and refused, broke off, or sent what is no JSON
         networkFailure, ///< no answer came
-        unreadable,     ///< accepted, but the body is no document
+        unreadable,     ///< accepted, but with JSON that is neither object nor array, or with no body where none is due
     };
     /// Shared because a deep document must not be copied: the library would copy it by recursion.
     using Document = std::shared_ptr<const nlohmann::json>;

@@ -75,7 +75,8 @@ def judge(what, unit, budget, figure):
 def show(table):
     print("\n| what | budget | figure | |\n|---|---|---|---|")
     for row in table:
-        print(f'| {row["what"]} | {row["budget"]} {row["unit"]} | {row["figure"]:g} | {"kept" if row["kept"] else "**over**"} |')
+        kept = "kept" if row["kept"] else "**over**"
+        print(f'| {row["what"]} | {row["budget"]} {row["unit"]} | {row["figure"]:g} | {kept} |')
 
 
 def main():
@@ -84,7 +85,8 @@ def main():
     window, click = lab("window-figures"), lab("click-figures")
     table = [judge(*row) for row in rows(lines, states, window, click)]
     show(table)
-    print(f"\n{os.cpu_count()} cores; load before the first figure {load:.1f}, after the last {os.getloadavg()[0]:.1f}.")
+    print(f"\n{os.cpu_count()} cores; load before the first figure {load:.1f},"
+          f" after the last {os.getloadavg()[0]:.1f}.")
     print("Without a budget:", ", ".join(
         f'{what} {lines[name]["bytes_per_second"] / 1e6:.0f} MB/s' for what, name in (
             ("configuration reader", "configuration"), ("sorting an answer of 8 KiB", "answer/8"),

@@ -23,8 +23,8 @@ public:
     /// reader serves every later connection too, and starts each with an empty buffer.
     void startReading();
 
-    /// Returns when every line that had arrived before the call has been dispatched, and after a minute at most; at once
-    /// when there is no reader. Any thread but the reader's.
+    /// Returns when every line that had arrived before the call has been dispatched, and after a minute at most; at
+    /// once when there is no reader. Any thread but the reader's.
     void catchUp();
 
     /// Sends `command` unchanged (the caller ends it with LF) and echoes it, and the error where there is one, to

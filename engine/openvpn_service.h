@@ -29,10 +29,10 @@ public:
     void setState(const QString &name); ///< any thread; stores and announces nothing: use `updateState`
 
     /// Asks the helper for OpenVPN, then connects to its management interface, switches on its messages and hands it
-    /// the credentials. Main thread; blocks for up to 26.4 s (eight attempts of 3 s, 0.3 s apart) and, with a peer that
-    /// does not read, as long as the five commands take to fail (3 s each). When no attempt
-    /// succeeds it says so on standard output and the state becomes "NOPROCESS". Without `config`, `username` or
-    /// `password` nothing is asked of the helper or sent, and the start ends the same way.
+    /// the credentials. Main thread; blocks for up to 26.4 s (eight attempts of 3 s, with 0.3 s after each) and, with a
+    /// peer that does not read, as long as the five commands take to fail (3 s each). When no attempt succeeds it says
+    /// so on standard output and the state becomes "NOPROCESS". Without `config`, `username` or `password` nothing is
+    /// asked of the helper or sent, and the start ends the same way.
     Q_INVOKABLE void startOpenVPN();
 
     /// Asks OpenVPN to end. Any thread. The state follows from what OpenVPN reports and from its end.

@@ -13,7 +13,7 @@ inline constexpr Status success = 0;
 inline constexpr Status denied = -60005;
 inline constexpr Status cancelled = -60006;
 inline constexpr Status interactionNotAllowed = -60007; ///< somebody would have to be asked, and nobody can be
-inline constexpr Status internal = -60008;              ///< no bus, no polkit, or an answer that is none
+inline constexpr Status internal = -60008;              ///< no bus, no polkit, or an answer that cannot be read
 
 struct Item {
     const char *name;

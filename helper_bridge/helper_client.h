@@ -28,10 +28,11 @@ public:
     /// Forgets the connection, so that the next use makes a new one. Any thread. Replies under way still arrive.
     void clearHelperConnection();
 
-    /// Compares the version of the installed helper with that of the bundle's, and calls back at most once: with true
-    /// when they are the same text, with false when they differ or the installed one cannot be asked, then on the
-    /// connection's private thread. A bundle's helper whose version cannot be read is false at once, on the calling
-    /// thread. A helper that does not answer has nothing called. Any thread; reads the file, and does not wait.
+    /// Compares the version of the installed helper with that of the bundle's. Calls back at most once: with true when
+    /// they are the same text and nothing is to be installed, with false when they differ or the installed helper
+    /// cannot be asked. That happens on the connection's private thread; but when the version of the bundle's helper
+    /// cannot be read, it is false at once, on the calling thread. While a helper stays silent nothing is called. Any
+    /// thread; reads the file, and does not wait.
     void shouldInstallHelperWithCallback(const std::function<void(bool)> &callback);
 
     /// Installs the bundle's helper, in the place of whichever there is; whoever holds a connection to it should forget

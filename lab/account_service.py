@@ -7,9 +7,11 @@ import http.server
 import json
 import os
 import secrets
+import socket
 import ssl
 import sys
 import time
+import typing
 from urllib.parse import parse_qs, urlsplit
 
 KEYS = "/etc/lab/"
@@ -22,12 +24,12 @@ GARBLED = "closed for maintenance"  # signs in nobody, and is answered with some
 TOKENS = set()
 
 
-def inline(tag, name):
+def inline(tag: str, name: str) -> str:
     with open(KEYS + name, encoding="ascii") as file:
         return f"<{tag}>\n{file.read().strip()}\n</{tag}>\n"
 
 
-def configuration():
+def configuration() -> str:
     if os.path.exists(OTHER):
         with open(OTHER, encoding="utf-8", newline="") as file:
             return file.read()
@@ -45,7 +47,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
     # An answer goes out in two writes; without this the second waits for the first one's acknowledgement.
     disable_nagle_algorithm = True
 
-    def do_POST(self):
+    def do_POST(self) -> None:
         body = self.rfile.read(int(self.headers.get("Content-Length", 0)))
         try:
             sent = json.loads(body)
@@ -67,7 +69,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
         TOKENS.add(token)
         return self.answer(200, {"access_token": token})
 
-    def do_GET(self):
+    def do_GET(self) -> None:
         url = urlsplit(self.path)
         if url.path != "/api/profile" or parse_qs(url.query) != {"country_code": ["CO"]}:
             return self.answer(404, {"error": "no such address"})
@@ -77,7 +79,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
             return self.answer(401, {"error": "sign in first"})
         return self.answer(200, {"config": configuration(), "country": "CO"})
 
-    def answer(self, status, document):
+    def answer(self, status: int, document: typing.Any) -> None:
         body = json.dumps(document).encode()
         self.send_response(status)
         self.send_header("Content-Type", "application/json")
@@ -85,17 +87,17 @@ class Handler(http.server.BaseHTTPRequestHandler):
         self.end_headers()
         self.wfile.write(body)
 
-    def log_request(self, code="-", size="-"):
+    def log_request(self, code: int | str = "-", size: int | str = "-") -> None:
         print(f"{time.time():.6f} {self.command} {urlsplit(self.path).path} {int(code)}", file=LOG)
 
 
 class Server(http.server.ThreadingHTTPServer):
-    def __init__(self):
+    def __init__(self) -> None:
         super().__init__(("203.0.113.10", 443), Handler)
         self.context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
         self.context.load_cert_chain(KEYS + "account.crt", KEYS + "account.key")
 
-    def finish_request(self, request, client_address):
+    def finish_request(self, request: socket.socket, client_address: tuple[str, int]) -> None:
         # The handshake belongs to the connection's own thread: a silent peer must not hold up the others.
         try:
             secured = self.context.wrap_socket(request, server_side=True)

@@ -11,7 +11,8 @@ import sys
 
 from gi.repository import Gio, GLib
 
-AUTHORITY = ("org.freedesktop.PolicyKit1", "/org/freedesktop/PolicyKit1/Authority", "org.freedesktop.PolicyKit1.Authority")
+POLKIT = "org.freedesktop.PolicyKit1"
+AUTHORITY = (POLKIT, "/org/freedesktop/PolicyKit1/Authority", f"{POLKIT}.Authority")
 OURS = "/corvale/lab/agent"
 INTERFACE = """<node><interface name="org.freedesktop.PolicyKit1.AuthenticationAgent">
   <method name="BeginAuthentication"><arg type="s"/><arg type="s"/><arg type="s"/><arg type="a{ss}"/><arg type="s"/>
@@ -21,11 +22,11 @@ INTERFACE = """<node><interface name="org.freedesktop.PolicyKit1.AuthenticationA
 PROMPT = "PAM_PROMPT_ECHO_OFF"
 
 
-def tell(text):
+def tell(text: str) -> None:
     print(text, flush=True)
 
 
-def authenticate(cookie, password):
+def authenticate(cookie: str, password: str) -> None:
     """Has polkit's own helper ask PAM about the password; it tells polkit itself."""
     helper = subprocess.Popen(["/usr/lib/polkit-1/polkit-agent-helper-1", "ana"], stdin=subprocess.PIPE,
                               stdout=subprocess.PIPE, text=True, bufsize=1)
@@ -38,7 +39,8 @@ def authenticate(cookie, password):
     helper.wait()
 
 
-def on_call(_bus, _sender, _path, _interface, method, arguments, invocation):
+def on_call(_bus: Gio.DBusConnection, _sender: str, _path: str, _interface: str, method: str, arguments: GLib.Variant,
+            invocation: Gio.DBusMethodInvocation) -> None:
     if method == "CancelAuthentication":
         tell("prompt withdrawn")
     else:
@@ -53,7 +55,7 @@ def on_call(_bus, _sender, _path, _interface, method, arguments, invocation):
     invocation.return_value(None)
 
 
-def main():
+def main() -> None:
     pid = int(sys.argv[1])
     started = int(pathlib.Path(f"/proc/{pid}/stat").read_text(encoding="utf-8").rsplit(")", 1)[1].split()[19])
     bus = Gio.bus_get_sync(Gio.BusType.SYSTEM)

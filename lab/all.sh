@@ -3,24 +3,35 @@
 # Every scenario, with systemd and without it, several side by side, each in a machine of its own. What each one said
 # stays in build/lab/. One that fails is tried once more, alone: what it expects within seconds, busy neighbours may have
 # kept from it. The end names those that failed alone, too.
-# usage: all.sh [SCENARIO…]          JOBS=N how many at once
+# usage: all.sh [SCENARIO|slow|fast …]          JOBS=N how many at once
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-# The longest first.
-scenarios=(faults cycles "soak 100" kills handover steps race obstacles package pictures profiles install quit tray keyboard
-    takeover reopen refusals confined server-restart server-late server-reset reuse wrong-password rejected install-refused
-    no-bus reader connect)
-[ $# -eq 0 ] || scenarios=("$@")
+# Those that have a test with this marker, as pytest finds them.
+marked() {
+    /usr/bin/python3 -B -m pytest lab/scenarios --collect-only -q -m "$1" | sed -n 's/^.*test_\([a-z_]*\)\.py::.*/\1/p' | uniq
+}
+
+# The slow ones first.
+[ $# -gt 0 ] || set -- slow fast
+scenarios=()
+for word in "$@"; do
+    case $word in
+    slow | fast)
+        names=$(marked "$word" | tr _ -)
+        mapfile -t -O ${#scenarios[@]} scenarios <<<"$names"
+        ;;
+    *) scenarios+=("$word") ;;
+    esac
+done
 
 one() { # INIT SCENARIO
-    local name=$1-${2// /-} began=$SECONDS
-    # shellcheck disable=SC2086 # a scenario and its argument
-    if INIT=$1 OUT=build/lab/$name lab/demo.sh $2 >"build/lab/$name.log" 2>&1 </dev/null; then
+    local name=$1-$2 began=$SECONDS
+    if INIT=$1 OUT=build/lab/$name lab/demo.sh "$2" >"build/lab/$name.log" 2>&1 </dev/null; then
         echo "passed: $2 ($1), $((SECONDS - began)) s"
     else
         echo "FAILED: $2 ($1), $((SECONDS - began)) s: build/lab/$name.log"
-        tail -n 30 "build/lab/$name.log" | sed 's/^/    | /'
+        tail -n 60 "build/lab/$name.log" | sed 's/^/    | /'
         return 1
     fi
 }

@@ -3,9 +3,11 @@
 # The demonstration: a private machine with an account service, an OpenVPN server and a screen of its own, in which the
 # installed client is driven like a person would. Everything in it ends with this command.
 #
-# usage: lab/demo.sh [SCENARIO [ARGUMENT]] one of those in scenario.py; connect, where none is named
-#        lab/demo.sh shell [COMMAND…]    a command (or a shell) inside the machine, its services running
-#        lab/demo.sh check               says whether this system lets the lab be made, and starts nothing
+# usage: lab/demo.sh [SCENARIO [OPTION…]] lab/scenarios/test_SCENARIO.py, and what pytest is told about it (such as -k
+#                                         "helper and killed"); connect, where none is named
+#        lab/demo.sh soak CYCLES          so many connections in a row
+#        lab/demo.sh shell [COMMAND…]     a command (or a shell) inside the machine, its services running
+#        lab/demo.sh check                says whether this system lets the lab be made, and starts nothing
 # MANUAL=1 opens the client on the display that is there and leaves it to the person.
 # BUILD=build/asan installs what a sanitized build made; BUILD=build/NAME.deb installs a package.
 # ROOT=FOLDER is the root folder of another Debian for the machine; it stays as it is.
@@ -41,6 +43,8 @@ fi
 for tool in openvpn Xvfb xprop tint2 dbus-daemon pgrep openssl ip ping convert setpriv; do
     chroot "$root" which "$tool" >/dev/null || sorry "the program $tool is missing (try: make packages)."
 done
+
+chroot "$root" /usr/bin/python3 -Bc 'import pytest' 2>/dev/null || sorry "pytest is missing (try: make packages)."
 
 said=$repo/$OUT
 stage=$(mktemp -d)

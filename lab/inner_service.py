@@ -4,7 +4,7 @@ import http.server
 
 
 class Handler(http.server.BaseHTTPRequestHandler):
-    def do_GET(self):
+    def do_GET(self) -> None:
         body = f"You are {self.client_address[0]}\n".encode()
         self.send_response(200)
         self.send_header("Content-Length", str(len(body)))

@@ -1,5 +1,6 @@
 # SPDX-License-Identifier: MIT
 """What can be seen of the private machine from inside: tunnel, traffic, names, and its OpenVPN server."""
+import functools
 import glob
 import os
 import pathlib
@@ -15,27 +16,27 @@ KEPT = pathlib.Path("/etc/resolv.conf.corvale")
 INSIDE = "10.77.0.1"
 
 
-def routes():
+def routes() -> list[str]:
     """Every route and every rule, of both families."""
     return subprocess.run("ip route show table all; ip -6 route show table all; ip rule; ip -6 rule", shell=True,
                           capture_output=True, text=True, check=True).stdout.splitlines()
 
 
-def settled_routes():
+def settled_routes() -> list[str]:
     """A new address has its routes only when it is sure that nobody else has it."""
     wait_for("the addresses", lambda: not subprocess.run(["ip", "address", "show", "tentative"], capture_output=True,
                                                          check=True).stdout)
     return routes()
 
 
-def resolver():
+def resolver() -> str:
     """Who keeps the name servers: resolved, resolvconf, or nobody but those who write the file."""
     if os.path.isdir("/run/systemd/resolve"):
         return "resolved"
     return "resolvconf" if os.path.isdir("/run/resolvconf") else "file"
 
 
-def name_servers():
+def name_servers() -> str:
     """The file that programs read, and what resolved asks for whom."""
     said = RESOLVER.read_text(encoding="utf-8")
     if resolver() == "resolved":
@@ -44,15 +45,17 @@ def name_servers():
     return said
 
 
-BEFORE = name_servers()
-ROUTES = settled_routes()
+@functools.cache
+def before() -> tuple[str, list[str]]:
+    """The name servers and the routes of a machine without a tunnel: as they were when this was first asked."""
+    return name_servers(), settled_routes()
 
 
-def tunnel_interfaces():
+def tunnel_interfaces() -> list[str]:
     return [path.split("/")[-1] for path in glob.glob("/sys/class/net/tun*")]
 
 
-def openvpn_pid():
+def openvpn_pid() -> int | None:
     """The client's OpenVPN process, the one that serves the management port, or None."""
     for path in pathlib.Path("/proc").glob("[0-9]*"):
         try:
@@ -64,12 +67,12 @@ def openvpn_pid():
     return None
 
 
-def management_listens():
+def management_listens() -> bool:
     rows = [line.split() for line in pathlib.Path("/proc/net/tcp").read_text(encoding="ascii").splitlines()]
     return any(row[1:4:2] == ["0100007F:0539", "0A"] for row in rows)
 
 
-def openvpn_started():
+def openvpn_started() -> float | None:
     """When the client's OpenVPN process began, or None."""
     try:
         ticks = int(pathlib.Path(f"/proc/{openvpn_pid()}/stat").read_text().rsplit(")", 1)[1].split()[19])
@@ -78,7 +81,7 @@ def openvpn_started():
     return time.time() - float(pathlib.Path("/proc/uptime").read_text().split()[0]) + ticks / 100
 
 
-def reply_from_inside():
+def reply_from_inside() -> str | None:
     """What the page behind the tunnel says, or None where it cannot be reached."""
     try:
         with urllib.request.urlopen(f"http://{INSIDE}/", timeout=2) as page:
@@ -87,42 +90,39 @@ def reply_from_inside():
         return None
 
 
-def ping():
+def ping() -> str | None:
     """What ping says of a reply through the tunnel, or None without one."""
     done = subprocess.run(["ping", "-c1", "-W5", INSIDE], capture_output=True, text=True, check=False)
     return None if done.returncode else next(line for line in done.stdout.splitlines() if "time=" in line)
 
 
-def check_connected():
+def check_connected() -> None:
     """Traffic, both kinds, goes through the tunnel, and names are asked of the server behind it."""
     answered = ping()
-    if not answered:
-        raise Failure("no ping through the tunnel")
+    assert answered, "no ping through the tunnel"
     print("  ping:", answered)
     reply = wait_for("the page behind the tunnel", reply_from_inside)
     print("  page behind the tunnel:", reply)
-    if not reply.startswith("You are 10.8.0."):
-        raise Failure("the page was not reached through the tunnel")
+    assert reply.startswith("You are 10.8.0."), "the page was not reached through the tunnel"
     servers = wait_for("the pushed name server", lambda: "10.77.0.1" in name_servers() and name_servers())
     print(f"  {resolver()}:", " ".join(line for line in servers.splitlines() if "10.77.0.1" in line))
 
 
-def check_gone(limit=20.0):
+def check_gone() -> None:
     """No OpenVPN, no tunnel, no way inside, and the name servers and routes of before."""
-    wait_for("OpenVPN's end", lambda: not openvpn_pid(), limit)
+    servers, ways = before()
+    wait_for("OpenVPN's end", lambda: not openvpn_pid())
     wait_for("the tunnel's end", lambda: not tunnel_interfaces())
-    wait_for("the name servers of before", lambda: name_servers() == BEFORE)
+    wait_for("the name servers of before", lambda: name_servers() == servers)
     try:
-        wait_for("the routes of before", lambda: routes() == ROUTES, 5)
+        wait_for("the routes of before", lambda: routes() == ways, 5)
     except Failure:
-        changed = sorted(set(routes()).symmetric_difference(ROUTES))
+        changed = sorted(set(routes()).symmetric_difference(ways))
         raise Failure(f"the routes are not those of before: {changed}") from None
-    if reply_from_inside():
-        raise Failure("the page behind the tunnel is reached without a tunnel")
-    if KEPT.exists():
-        raise Failure("the copy of /etc/resolv.conf is still there")
+    assert not reply_from_inside(), "the page behind the tunnel is reached without a tunnel"
+    assert not KEPT.exists(), "the copy of /etc/resolv.conf is still there"
     print("  OpenVPN and tunnel are gone; /etc/resolv.conf, routes and rules are as before")
 
 
-def server(what):
+def server(what: str) -> None:
     subprocess.run([HERE / "openvpn_server.sh", what], check=True)

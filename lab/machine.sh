@@ -55,7 +55,7 @@ people() {
     install -d -m 700 -o "$id" -g "$id" "/home/$person"
     booted || { mkdir /run/user && install -d -m 700 -o "$id" -g "$id" "/run/user/$id"; }
     # The checkout may lie where this person may not look, such as root's home.
-    install -D -m 644 -t /run/lab/person "$lab/person.py" "$lab/status_notifier.py" "$lab/tint2rc"
+    install -D -m 644 -t /run/lab/person "$lab"/{agent,person,rewriter,status_notifier}.py "$lab/tint2rc"
     if [ -f /run/lab/xauthority ]; then chown "$id" /run/lab/xauthority; fi
 }
 
@@ -175,6 +175,23 @@ servers() {
     settled "service behind the tunnel" ip netns exec behind bash -c ': </dev/tcp/10.77.0.1/80'
 }
 
+# A file of scenarios/ by its name; what follows is for pytest, but for a number.
+scenario() { # NAME [CYCLES] [OPTION…]
+    local file=$lab/scenarios/test_${1//-/_}.py
+    if [ ! -f "$file" ]; then
+        echo "There is no scenario $1; there are:" >&2
+        basename -a -s .py "$lab"/scenarios/test_*.py | sed 's/^test_/    /; s/_/-/g' >&2
+        exit 1
+    fi
+    shift
+    case ${1:-} in [0-9]*) set -- --cycles="$1" "${@:2}" ;; esac
+    if [ -n "${MANUAL:-}" ]; then
+        /usr/bin/python3 -B "$lab/manual.py"
+    else
+        /usr/bin/python3 -B -m pytest -sv "$file" "$@"
+    fi
+}
+
 mkdir -p "$log"
 people
 networks
@@ -193,5 +210,5 @@ if [ "${1:-}" = shell ]; then
     shift
     if [ $# -gt 0 ]; then "$@"; else bash; fi
 else
-    /usr/bin/python3 -B "$lab/scenario.py" "${@:-connect}"
+    scenario "${@:-connect}"
 fi

@@ -7,6 +7,7 @@ import socket
 import statistics
 import subprocess
 import time
+import typing
 import urllib.request
 
 from session import Failure
@@ -16,19 +17,19 @@ CONFIGURATION = "/run/lab/plain.ovpn"
 SCRIPTS = "/usr/libexec/corvale/"
 
 
-def request(address, body=None, headers=None):
+def request(address: str, body: bytes | None = None, headers: dict[str, str] | None = None) -> typing.Any:
     with urllib.request.urlopen(urllib.request.Request(BASE + address, body, headers or {})) as answer:
         return json.load(answer)
 
 
-def profile():
+def profile() -> str:
     """The configuration that the account service has for the person."""
     body = json.dumps({"email": "ana@example.com", "password": "secret"}).encode()
     token = request("login", body, {"Content-Type": "application/json"})["access_token"]
     return request("profile?country_code=CO", headers={"Authorization": "Bearer " + token})["config"]
 
 
-def management(openvpn):
+def management(openvpn: subprocess.Popen) -> socket.socket:
     while openvpn.poll() is None:
         try:
             return socket.create_connection(("127.0.0.1", 1337), timeout=30)
@@ -37,7 +38,7 @@ def management(openvpn):
     raise Failure(f"OpenVPN ended at once, with status {openvpn.returncode}")
 
 
-def connect_once():
+def connect_once() -> float:
     """Seconds from the first request until CONNECTED. The tunnel is taken down again."""
     began = time.monotonic()
     with open(CONFIGURATION, "w", encoding="utf-8") as file:
@@ -62,5 +63,5 @@ def connect_once():
     return took
 
 
-def measure(times=3):
+def measure(times: int = 3) -> float:
     return statistics.median(connect_once() for _ in range(times))

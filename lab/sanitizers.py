@@ -5,6 +5,7 @@ import pathlib
 import re
 import signal
 import subprocess
+from collections.abc import Iterator
 
 from helper_calls import HELPER
 from session import BUILD, LOGS, Failure, wait_for
@@ -15,14 +16,14 @@ PROGRAMS = ("Corvale", HELPER)
 END = "Sanitizer at the end: leaks come next"
 
 
-def sanitizers():
+def sanitizers() -> str:
     if BUILD.is_file():
         return ""
     cache = (BUILD / "CMakeCache.txt").read_text(encoding="utf-8")
     return re.search(r"^CORVALE_SANITIZE:\w+=(.*)$", cache, re.MULTILINE)[1]
 
 
-def running():
+def running() -> Iterator[tuple[int, pathlib.Path]]:
     """Process ids and programs of the client and the helper."""
     for path in pathlib.Path("/proc").glob("[0-9]*"):
         try:
@@ -33,12 +34,12 @@ def running():
             yield int(path.name), program
 
 
-def ends():
+def ends() -> int:
     log = LOGS / "client"
-    return log.exists() and log.read_text(encoding="utf-8", errors="replace").count(END)
+    return log.read_text(encoding="utf-8", errors="replace").count(END) if log.exists() else 0
 
 
-def check(main_job):
+def check(main_job: bool) -> None:
     """Leaks are counted when a process ends, so what still runs is told to. After the main job both do."""
     which = sanitizers()
     if not which:
@@ -62,7 +63,7 @@ def check(main_job):
     print(f"  -fsanitize={which}: no report; running until the end: {ended or 'none'}")
 
 
-def reports():
+def reports() -> list[str]:
     """The beginning of the first in each log."""
     texts = {log: log.read_text(encoding="utf-8", errors="replace") for log in sorted(LOGS.iterdir()) if log.is_file()}
     found = {log: REPORT.search(text) for log, text in texts.items()}

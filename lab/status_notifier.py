@@ -6,6 +6,7 @@ Writes one JSON line for each item that comes, with what it says of itself, and 
 """
 import json
 import sys
+import typing
 
 import gi
 
@@ -24,23 +25,23 @@ INTERFACE = Gio.DBusNodeInfo.new_for_xml(
 ).interfaces[0]
 
 bus = Gio.bus_get_sync(Gio.BusType.SESSION)
-menus = {}  # of the items' owners on the bus
+menus: dict[str, str] = {}  # of the items' owners on the bus
 
 
-def tell(**what):
+def tell(**what: typing.Any) -> None:
     print(json.dumps(what), flush=True)
 
 
-def ask(owner, path, interface, member, arguments):
+def ask(owner: str, path: str, interface: str, member: str, arguments: GLib.Variant) -> typing.Any:
     return bus.call_sync(owner, path, interface, member, arguments, None, Gio.DBusCallFlags.NONE, 5000, None).unpack()
 
 
-def entries(owner):
+def entries(owner: str) -> dict[str, int]:
     layout = ask(owner, menus[owner], MENU, "GetLayout", GLib.Variant("(iias)", (0, -1, [])))[1]
     return {entry[1]["label"]: entry[0] for entry in layout[2] if "label" in entry[1]}
 
 
-def welcome(owner):
+def welcome(owner: str) -> bool:
     about = GLib.Variant("(s)", (ITEM,))
     said = ask(owner, "/StatusNotifierItem", "org.freedesktop.DBus.Properties", "GetAll", about)[0]
     menus[owner] = said["Menu"]
@@ -48,18 +49,20 @@ def welcome(owner):
     return False
 
 
-def on_call(_bus, sender, _path, _interface, _member, _arguments, invocation):
+def on_call(_bus: Gio.DBusConnection, sender: str, _path: str, _interface: str, _member: str, _arguments: GLib.Variant,
+            invocation: Gio.DBusMethodInvocation) -> None:
     invocation.return_value(None)
     GLib.idle_add(welcome, sender)
 
 
-def on_owner_change(_bus, _sender, _path, _interface, _member, arguments):
+def on_owner_change(_bus: Gio.DBusConnection, _sender: str, _path: str, _interface: str, _member: str,
+                    arguments: GLib.Variant) -> None:
     name, _old, new = arguments.unpack()
     if not new and menus.pop(name, None):
         tell(gone=True)
 
 
-def on_request(_source, _condition):
+def on_request(_source: typing.TextIO, _condition: GLib.IOCondition) -> bool:
     line = sys.stdin.readline()
     if not line:
         loop.quit()
@@ -75,7 +78,7 @@ def on_request(_source, _condition):
     return True
 
 
-def value_of(_bus, _sender, _path, _interface, name):
+def value_of(_bus: Gio.DBusConnection, _sender: str, _path: str, _interface: str, name: str) -> GLib.Variant:
     return GLib.Variant("i", 0) if name == "ProtocolVersion" else GLib.Variant("b", True)
 
 

@@ -10,7 +10,7 @@ import sys
 import time
 
 
-def main():
+def main() -> None:
     log = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
     log.bind(sys.argv[1])
     os.chmod(sys.argv[1], 0o666)

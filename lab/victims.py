@@ -6,17 +6,20 @@ import pathlib
 import select
 import signal
 import subprocess
+import typing
+from collections.abc import Callable
 
 import machine
-from helper_calls import call, helper_pid, owner, start_helper
-from session import BOOTED, HERE, LOGS, Failure, wait_for
+from helper_calls import HELPER, HOLD, call, helper_pid, owner, start_helper
+from session import BOOTED, HERE, LOGS, log, wait_for
+from stage import Stage
 
 BUS = ("org.freedesktop.DBus", "/")
 POLKIT = "org.freedesktop.PolicyKit1"
 SERVER_PID = pathlib.Path("/run/lab/server.pid")
 
 
-def running(*words):
+def running(*words: str) -> int | None:
     """The first process whose command line has all these words, each at an argument's end, or None."""
     found = []
     for path in pathlib.Path("/proc").glob("[0-9]*"):
@@ -29,16 +32,16 @@ def running(*words):
     return min(found, default=None)
 
 
-def start_in_background(*command, log):
+def start_in_background(*command: str, log: typing.TextIO) -> None:
     """The first process of the machine waits for its end, as for that of the one before it."""
     subprocess.run(["setsid", "-f", *command], stdout=log, stderr=log, check=True)
 
 
-def bus_call(member, *arguments):
+def bus_call(member: str, *arguments: str) -> str:
     return call("root", f"{BUS[0]}.{member}", *arguments, to=BUS[0], path=BUS[1])
 
 
-def start_account():
+def start_account() -> None:
     with open(LOGS / "account_errors", "a", encoding="utf-8") as log:
         start_in_background("ip", "netns", "exec", "internet", "/usr/bin/python3", str(HERE / "account_service.py"),
                             str(LOGS / "account"), log=log)
@@ -46,11 +49,11 @@ def start_account():
                                                                stderr=subprocess.DEVNULL, check=False).returncode)
 
 
-def start_polkit():
+def start_polkit() -> None:
     wait_for("polkit", lambda: "uint32" in bus_call("StartServiceByName", f"string:{POLKIT}", "uint32:0"))
 
 
-def start_bus():
+def start_bus() -> None:
     if BOOTED:
         subprocess.run(["systemctl", "start", "dbus.service"], check=True)
     else:
@@ -60,7 +63,7 @@ def start_bus():
     start_polkit()
 
 
-def server_pid():
+def server_pid() -> int | None:
     """A killed one leaves its file."""
     pid = ""
     with contextlib.suppress(FileNotFoundError):
@@ -68,28 +71,30 @@ def server_pid():
     return int(pid) if pid and os.path.exists(f"/proc/{pid}") else None
 
 
-def start_server():
+def start_server() -> None:
     machine.server("start")
     wait_for("the OpenVPN server", server_pid)
 
 
-def wake(pid):
+def wake(pid: int) -> None:
     with contextlib.suppress(ProcessLookupError):
         os.kill(pid, signal.SIGCONT)
 
 
 class Victim:
-    def __init__(self, find, start, restart=signal.SIGTERM):
+    """One of the parts: how it is found, and how it comes back."""
+
+    def __init__(self, find: Callable[[], int | None], start: Callable[[], object],
+                 restart: signal.Signals = signal.SIGTERM) -> None:
         self.find, self.start, self.restart = find, start, restart
 
-    def hit(self, how):
+    def hit(self, how: str) -> Callable[[], object]:
         """Kills it, stops it, or ends it in good order and starts it again; one that knows how restarts itself.
 
         Its end is awaited to the last thread and socket, and until the bus knows about it: one whose memory is gone
         already has its port and its name for a moment more, and the next one would not get them."""
         pid = self.find()
-        if not pid:
-            raise Failure("the victim is not there")
+        assert pid, "the victim is not there"
         with open(os.pidfd_open(pid), "rb", buffering=0) as process:
             os.kill(pid, {"killed": signal.SIGKILL, "stopped": signal.SIGSTOP, "restarted": self.restart}[how])
             if how == "stopped":
@@ -105,7 +110,7 @@ class Victim:
         return lambda: None
 
 
-def victims(stage):
+def victims(stage: Stage) -> dict[str, Victim]:
     return {
         "client": Victim(lambda: None if stage.client.process.poll() is not None else stage.client.process.pid,
                          stage.start_client),
@@ -116,3 +121,26 @@ def victims(stage):
         "polkit": Victim(lambda: owner(POLKIT), start_polkit),
         "OpenVPN server": Victim(server_pid, start_server),
     }
+
+
+def polkit_hung(since: int) -> bool:
+    """Whether polkit gave up its own rules, which it does when their evaluation has not returned after 15 s. That was
+    seen once in thousands of answers, on a busy machine, of a polkit that had just been started."""
+    with contextlib.suppress(AssertionError):
+        return wait_for("polkit's word", lambda: "Terminating runaway script" in log("system")[since:], 16)
+    return False
+
+
+def start_over(stage: Stage) -> None:
+    """After something went wrong: every part is there and goes on, with another client and no tunnel."""
+    HOLD.unlink(missing_ok=True)
+    for name, victim in victims(stage).items():
+        if name not in ("client", "OpenVPN", "helper"):
+            if victim.find() is None:
+                victim.start()
+            wake(victim.find())
+    call("ana", f"{HELPER}.killOpenVPN")
+    if stage.client.process.poll() is None:
+        stage.client.process.kill()
+        stage.client.process.wait()
+    stage.start_client()

@@ -12,6 +12,9 @@ echo "clang-format: clean"
 files '*.sh' .ci/run resources/client.up resources/client.down 'packaging/debian/p*' | xargs shellcheck
 echo "shellcheck: clean"
 
+flake8 lab bench
+echo "flake8: clean"
+
 desktop-file-validate packaging/*.desktop
 appstreamcli validate --no-net build/packaging/*.metainfo.xml
 echo "desktop entry and metainfo: clean"

@@ -61,7 +61,8 @@ void SilentBus::leaveWhenSilent()
         return;
     memcpy(name.sun_path, socketName.constData(), static_cast<size_t>(socketName.size()));
     // A name in the abstract space ends where its length says, a path at its zero.
-    const auto size = offsetof(sockaddr_un, sun_path) + static_cast<size_t>(socketName.size()) + (path.isEmpty() ? 0 : 1);
+    const auto size =
+        offsetof(sockaddr_un, sun_path) + static_cast<size_t>(socketName.size()) + (path.isEmpty() ? 0 : 1);
     const Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     if (socket && isSilent(socket.get(), name, static_cast<socklen_t>(size)))
         qputenv("DBUS_SESSION_BUS_ADDRESS", "disabled:");

@@ -10,9 +10,9 @@
 namespace HelperSource {
 
 /// The bytes of the helper at the absolute `path`, read once: a program for this machine with our identifier and a
-/// version. Blocks for the file system. Accepts only a regular file of
-/// root or `caller` that has one name, that nobody else can write to, and that does not change meanwhile. Refuses a
-/// path that contains a link, or a folder in which anybody but root and `caller` could have put another entry.
+/// version. Blocks for the file system. Accepts only a regular file of root or `caller` that has one name, that nobody
+/// else can write to, and that does not change meanwhile. Refuses a path that contains a link, or a folder in which
+/// anybody but root and `caller` could have put another entry.
 Result<QByteArray> read(const QByteArray &path, uid_t caller);
 
 } // namespace HelperSource

@@ -10,8 +10,6 @@
 
 #include <csignal>
 #include <cstdlib>
-#include <dbus/dbus.h>
-#include <limits>
 #include <sys/signalfd.h>
 
 using namespace Qt::StringLiterals;
@@ -29,15 +27,6 @@ Descriptor requestsToEnd()
     return Descriptor(::signalfd(-1, &ends, SFD_CLOEXEC | SFD_NONBLOCK));
 }
 
-/// The bus library stops reading while more than 63 MB of messages are being handled, and three messages of a hostile
-/// caller can be that large. It would never begin again, because Qt releases messages on another thread than the one
-/// that reads.
-void neverStopReading(const QDBusConnection &bus)
-{
-    ::dbus_connection_set_max_received_size(static_cast<DBusConnection *>(bus.internalPointer()),
-                                            std::numeric_limits<long>::max());
-}
-
 } // namespace
 
 int helperMain(int argc, char *argv[], const HelperPaths &paths, const HelperService::Timeouts &timeouts)
@@ -50,7 +39,6 @@ int helperMain(int argc, char *argv[], const HelperPaths &paths, const HelperSer
         SystemLog::write(u"The helper cannot reach the system bus.");
         return EXIT_FAILURE;
     }
-    neverStopReading(bus);
     HelperService service(bus, paths, timeouts);
     QObject::connect(&service, &HelperService::finished, &application, &QCoreApplication::quit, Qt::QueuedConnection);
     QSocketNotifier asked(ends.get(), QSocketNotifier::Read);

@@ -31,8 +31,8 @@ public:
     /// up what a helper that died has left, as `Tunnel::begin` does.
     bool offer();
 
-    /// Ends the tunnel and gives up the name; then leaves what it has not begun to do to the next helper, by an answer
-    /// that says so, and emits `finished`.
+    /// Ends the tunnel and gives up the name. Then answers every message that it has not begun with the error
+    /// `Leaving`, so that the client sends it to the next helper, and emits `finished`.
     Q_SLOT void finish();
 
     // The members of the interface, called for a message by the generated adaptor. What they return is not sent: each

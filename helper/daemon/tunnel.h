@@ -41,8 +41,8 @@ public:
     [[nodiscard]] std::optional<uid_t> owner() const { return owner_; } ///< none while idle
 
     /// Runs OpenVPN with this configuration for `uid`, or has the running one of the same owner read it.
-    /// Calls `handler` once: with the exit status of the OpenVPN that served the request, or with why none did. At most
-    /// sixteen requests wait for one tunnel's end; one more refuses the oldest.
+    /// `handler` is called once: with the exit status of the OpenVPN that served the request, or with why none did. At
+    /// most sixteen requests wait for the same end: when one more comes, the oldest is refused.
     void run(uid_t uid, const QByteArray &configuration, Handler handler);
 
     /// Ends OpenVPN: SIGTERM, after the timeout SIGKILL. `done` is called when everything is cleaned up.

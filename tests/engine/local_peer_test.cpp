@@ -8,7 +8,6 @@
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <utility>
 
 using namespace std::chrono_literals;
 
@@ -25,33 +24,15 @@ std::string row(const char *local, const char *remote, const char *state, int us
            std::to_string(user) + "        0 " + std::to_string(inode) + " 1 00000000014eaa9d 100 0 0 10 0\n";
 }
 
-/// Runs `work` in a child process of this user. The child ends with its work, or with this object.
-class Child {
-public:
-    template <typename Work>
-    Child(uid_t user, Work work) : pid_(::fork())
-    {
-        if (pid_ == 0)
-            ::_exit(::setuid(user) == 0 ? work() : EXIT_FAILURE);
-    }
-    ~Child()
-    {
-        if (pid_ > 0) // 0 would be this process's own group
-            ::kill(pid_, SIGKILL), status();
-    }
-    Child(const Child &) = delete;
-    Child &operator=(const Child &) = delete;
-
-    /// Waits for its end.
-    int status()
-    {
-        int status = 0;
-        return ::waitpid(std::exchange(pid_, 0), &status, 0) > 0 ? WEXITSTATUS(status) : EXIT_FAILURE;
-    }
-
-private:
-    pid_t pid_;
-};
+/// Runs `work` in a child process of this user.
+template <typename Work>
+pid_t inChild(uid_t user, Work work)
+{
+    const pid_t child = ::fork();
+    if (child == 0)
+        ::_exit(::setuid(user) == 0 ? work() : EXIT_FAILURE);
+    return child;
+}
 
 /// Listens on the management port, accepts whoever comes or nobody, and says when it listens.
 int listenOn(quint16 port, bool accepts, int ready)
@@ -109,16 +90,20 @@ TEST(LocalPeer, aListenerIsTrustedWhenItIsRootsOrTheClientsOwnUsers)
             SCOPED_TRACE(testing::Message() << "listener " << user << (accepts ? ", accepting" : ""));
             int ready[2];
             ASSERT_EQ(::pipe(ready), 0);
-            const Child listener(user, [=] { return listenOn(managementPort, accepts, ready[1]); });
+            const pid_t listener = inChild(user, [=] { return listenOn(managementPort, accepts, ready[1]); });
             ::close(ready[1]);
             char byte = 0;
-            ASSERT_EQ(::read(ready[0], &byte, 1), 1);
-            ::close(ready[0]);
+            EXPECT_EQ(::read(ready[0], &byte, 1), 1);
             for (const uid_t client : {0U, 33U, 34U}) {
                 // With the connection that the tunnel service uses.
-                Child asking(client, [] { return OpenVPNManagement().socket.connect(3s) ? 0 : 1; });
-                EXPECT_EQ(asking.status() == 0, user == 0 || user == client) << "client " << client;
+                const pid_t asking = inChild(client, [] { return OpenVPNManagement().socket.connect(3s) ? 0 : 1; });
+                int status = -1;
+                EXPECT_EQ(::waitpid(asking, &status, 0), asking);
+                EXPECT_EQ(status == 0, user == 0 || user == client) << "client " << client;
             }
+            ::kill(listener, SIGKILL);
+            ::waitpid(listener, nullptr, 0);
+            ::close(ready[0]);
         }
     }
 }

@@ -3,6 +3,7 @@
 
 #include "bundle.h"
 #include "captured_log.h"
+#include "files.h"
 #include "helper_client.h"
 #include "helper_connection.h"
 #include "private_bus.h"
@@ -10,7 +11,6 @@
 #include "spoilt_helper.h"
 #include "wait_for.h"
 
-#include <QDir>
 #include <QThread>
 #include <QTimer>
 
@@ -18,7 +18,6 @@
 #include <thread>
 
 using namespace Qt::StringLiterals;
-using Answer = ScriptedAuthority::Answer;
 using testing::HasSubstr;
 using testing::StartsWith;
 
@@ -32,32 +31,18 @@ QString bundleHelper()
     return Bundle::location() + u"/Contents/Library/LaunchServices/"_s + name;
 }
 
-void write(const QString &path, const QByteArray &bytes)
-{
-    QDir().mkpath(path.section(u'/', 0, -2));
-    QFile::remove(path);
-    QFile file(path);
-    ASSERT_TRUE(file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size());
-    file.setPermissions(QFile::Permissions(0x7755));
-}
-
 class HelperInstallationTest : public testing::Test {
 protected:
     HelperInstallationTest()
     {
-        write(bundleHelper(), spoiltHelper());
+        writeFile(bundleHelper(), spoiltHelper(), 0755);
         EXPECT_TRUE(bus.start());
     }
     ~HelperInstallationTest() override { QDBusConnection::disconnectFromBus(u"authority"_s); }
-    void offerAuthority(Answer answer)
-    {
-        authority.answer = answer;
-        ASSERT_TRUE(authority.offer(QDBusConnection::connectToBus(QDBusConnection::SystemBus, u"authority"_s)));
-    }
     static QString script(const QByteArray &commands)
     {
         QString path = PrivateBus::folder() + u"/pkexec"_s;
-        write(path, "#!/bin/sh\n" + commands + '\n');
+        writeFile(path, "#!/bin/sh\n" + commands + '\n', 0755);
         return path;
     }
     /// What the log holds after `installHelper` on another thread; whether the application then quit is in `quit`.
@@ -108,7 +93,7 @@ TEST_F(HelperInstallationTest, theTwoVersionsAreComparedAsTexts)
     };
     for (const Row &row : rows) {
         SCOPED_TRACE(row.log.constData());
-        write(bundleHelper(), spoiltHelper(element, row.bundle));
+        writeFile(bundleHelper(), spoiltHelper(element, row.bundle), 0755);
         bus.activate(name, {QStringLiteral(SCRIPTED_HELPER), QLatin1String(row.installed)});
         if (!row.installed)
             bus.forgetActivation(name);
@@ -139,12 +124,12 @@ TEST_F(HelperInstallationTest, aBundleWithoutAReadableVersionIsAnsweredAtOnceAnd
     HelperClient delegate;
     std::atomic_int answers = 0;
     const auto callback = [&answers](bool isCurrent) { answers += isCurrent ? 100 : 1; };
-    write(bundleHelper(), spoiltHelper("CFBundleVersion", "CFBundleEdition"));
+    writeFile(bundleHelper(), spoiltHelper("CFBundleVersion", "CFBundleEdition"), 0755);
     delegate.shouldInstallHelperWithCallback(callback);
     EXPECT_EQ(answers, 1);
     EXPECT_EQ(log.text(), "");
 
-    write(bundleHelper(), spoiltHelper());
+    writeFile(bundleHelper(), spoiltHelper(), 0755);
     bus.activate(name, {QStringLiteral(SCRIPTED_HELPER), u"silence"_s});
     delegate.shouldInstallHelperWithCallback(callback);
     std::atomic_bool answered = false;
@@ -156,35 +141,6 @@ TEST_F(HelperInstallationTest, aBundleWithoutAReadableVersionIsAnsweredAtOnceAnd
     bus.kill(); // ends the silence
     ASSERT_TRUE(log.reach("XPC Connection Invalidated\n", 1));
     EXPECT_EQ(answers, 2);
-}
-
-TEST_F(HelperInstallationTest, aRefusedRightIsLoggedWithItsNumberAndEndsTheApplication)
-{
-    struct Row {
-        Answer answer;
-        const char *code;
-    };
-    const Row rows[] = {{Answer::No, "-60005"},    {Answer::Dismissed, "-60006"},  {Answer::Challenge, "-60007"},
-                        {Answer::Error, "-60008"}, {Answer::Unreadable, "-60008"}, {Answer::Hold, "-60008"}};
-    const QString pkexec = script("echo called >&2");
-    const auto line = [](const char *code) {
-        return "Authorization error: Error Domain=NSOSStatusErrorDomain Code=" + std::string(code) + " \"(null)\"\n";
-    };
-    EXPECT_THAT(install(pkexec).toStdString(), testing::EndsWith(line("-60008"))); // nobody there
-    EXPECT_TRUE(quit);
-    for (const Row &row : rows) {
-        SCOPED_TRACE(row.code);
-        offerAuthority(row.answer);
-        QTimer crash;
-        QObject::connect(&crash, &QTimer::timeout, [this] {
-            if (!authority.held.isEmpty())
-                bus.kill();
-        });
-        crash.start(1);
-        EXPECT_THAT(install(pkexec).toStdString(), testing::EndsWith(line(row.code)));
-        EXPECT_TRUE(quit);
-        QDBusConnection::disconnectFromBus(u"authority"_s);
-    }
 }
 
 TEST_F(HelperInstallationTest, theBlessingIsAChildOfThisProcessAndItsFailureSaysWhyAndEndsTheApplication)
@@ -203,7 +159,7 @@ TEST_F(HelperInstallationTest, theBlessingIsAChildOfThisProcessAndItsFailureSays
         {u"echo The helper; echo 'has no\nversion.' >&2; exit 1"_s, "status 1. It said: has no version.\n", true},
         {u"head -c 300000 /dev/zero | tr '\\0' x >&2; kill -9 $$"_s, "ended by signal 9. It said: xxxxx", true},
     };
-    offerAuthority(Answer::Yes);
+    ASSERT_TRUE(authority.offer(QDBusConnection::connectToBus(QDBusConnection::SystemBus, u"authority"_s)));
     for (const Row &row : rows) {
         SCOPED_TRACE(row.log);
         const std::string log = install(script(row.pkexec.toUtf8())).toStdString();
@@ -218,9 +174,8 @@ TEST_F(HelperInstallationTest, theBlessingIsAChildOfThisProcessAndItsFailureSays
     EXPECT_EQ(authority.asked.first(), u"com.apple.ServiceManagement.blesshelper"_s);
     EXPECT_EQ(authority.flags, 1U); // a person may be asked
 
-    QFile file(seen);
-    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
-    const QByteArray parent = QByteArray::number(QCoreApplication::applicationPid());
-    EXPECT_EQ(file.readLine(), parent + " --disable-internal-agent /the/tool " + bundleHelper().toUtf8() + '\n');
-    EXPECT_FALSE(file.readAll().contains("DBUS_SYSTEM_BUS_ADDRESS"));
+    const std::string call = contentOf(seen).toStdString();
+    EXPECT_THAT(call, StartsWith(std::to_string(QCoreApplication::applicationPid()) +
+                                 " --disable-internal-agent /the/tool " + bundleHelper().toStdString() + '\n'));
+    EXPECT_THAT(call, testing::Not(HasSubstr("DBUS_SYSTEM_BUS_ADDRESS")));
 }

@@ -6,12 +6,10 @@
 
 #include <QTemporaryDir>
 
-#include <csignal>
 #include <fcntl.h>
 #include <filesystem>
 #include <functional>
 #include <gmock/gmock.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -48,20 +46,6 @@ TEST_F(PrivateFileTest, AFileIsMadeOrReplacedInPlaceForItsOwnerAlone)
     EXPECT_EQ(modeOf(path_), "0600");
 }
 
-TEST_F(PrivateFileTest, AContentForWhichThereIsNoRoomLeavesNoHalf)
-{
-    rlimit room{};
-    ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &room), 0);
-    const rlimit four{4, room.rlim_max};
-    const auto before = std::signal(SIGXFSZ, SIG_IGN);
-    ::setrlimit(RLIMIT_FSIZE, &four);
-    const QByteArray failure = write("remote-cert-tls server");
-    ::setrlimit(RLIMIT_FSIZE, &room);
-    (void)std::signal(SIGXFSZ, before);
-    EXPECT_EQ(failure, words(EFBIG));
-    EXPECT_EQ(contentOf(path_), "");
-}
-
 TEST_F(PrivateFileTest, AnythingButTheUsersOwnPlainFileIsLeftAsItIs)
 {
     const QByteArray path = path_.toLocal8Bit();
@@ -88,17 +72,6 @@ TEST_F(PrivateFileTest, AnythingButTheUsersOwnPlainFileIsLeftAsItIs)
         fs::remove(path.constData());
     }
     EXPECT_EQ(failureOf(PrivateFile::write("/dev/full", "")), words(EINVAL));
-}
-
-TEST_F(PrivateFileTest, AnotherOwnersFileIsLeftAsItIs)
-{
-    if (::geteuid() != 0)
-        GTEST_SKIP() << "only root can give a file away";
-    writeFile(path_, "kept", 0666);
-    ASSERT_EQ(::chown(qPrintable(path_), 1, 1), 0);
-    EXPECT_EQ(write("new"), words(EPERM));
-    EXPECT_EQ(contentOf(path_), "kept");
-    EXPECT_EQ(modeOf(path_), "0666");
 }
 
 } // namespace

@@ -5,14 +5,12 @@
 #include <QByteArrayList>
 #include <QRegularExpression>
 
-#include <algorithm>
 #include <cstring>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/un.h>
 #include <thread>
 #include <unistd.h>
@@ -58,41 +56,6 @@ TEST(StandardOutput, KeepsTheLinesOfManyThreadsWhole)
     ASSERT_EQ(lines.size(), 4 * 200 + 1);
     for (const QByteArray &line : lines)
         EXPECT_EQ(line.count(line.isEmpty() ? 'x' : line.front()), line.size()) << line.constData();
-}
-
-TEST(StandardOutput, IsKeptOutOfTheJournalAndNothingElse)
-{
-    const auto staysAt = [](int descriptor) {
-        const int before = ::dup(STDOUT_FILENO);
-        ::dup2(descriptor, STDOUT_FILENO);
-        StandardOutput::keepOutOfSystemLog();
-        struct stat given {};
-        struct stat found {};
-        ::fstat(descriptor, &given);
-        const bool open = ::fstat(STDOUT_FILENO, &found) == 0;
-        ::dup2(before, STDOUT_FILENO);
-        ::close(before);
-        return open && found.st_ino == given.st_ino && found.st_dev == given.st_dev;
-    };
-    int ends[2];
-    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
-    EXPECT_TRUE(staysAt(ends[0]));
-    ASSERT_EQ(::pipe(ends), 0);
-    EXPECT_TRUE(staysAt(ends[1]));
-
-    if (::geteuid() != 0)
-        GTEST_SKIP() << "only root has a place for a journal of its own";
-    EXPECT_EXIT(
-        {
-            onlyHere("/run");
-            ::mkdir("/run/systemd", 0755);
-            ::mkdir("/run/systemd/journal", 0755);
-            constexpr char path[] = "/run/systemd/journal/stdout";
-            const int journal = socketAt(path, SOCK_STREAM, ::bind);
-            ::listen(journal, 1);
-            ::_exit(staysAt(socketAt(path, SOCK_STREAM, ::connect)) ? 1 : 0);
-        },
-        testing::ExitedWithCode(0), "");
 }
 
 TEST(SystemLog, WritesOneLineACallWhateverTheTextHolds)

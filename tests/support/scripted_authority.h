@@ -10,7 +10,7 @@
 /// polkit's place on the bus, with an answer of the test's choice. Lives in the test's own process.
 class ScriptedAuthority final : public QDBusVirtualObject {
 public:
-    enum class Answer { Yes, No, Challenge, Dismissed, Error, Unreadable, Hold };
+    enum class Answer { Yes, No, Error, Unreadable, Hold };
 
     bool offer(QDBusConnection bus)
     {
@@ -25,8 +25,6 @@ public:
         switch (answer) {
         case Answer::Yes: bus.send(message.createReply(verdict(true))); break;
         case Answer::No: bus.send(message.createReply(verdict(false))); break;
-        case Answer::Challenge: bus.send(message.createReply(verdict(false, true))); break;
-        case Answer::Dismissed: bus.send(message.createReply(verdict(false, false, true))); break;
         case Answer::Unreadable: bus.send(message.createReply(true)); break;
         case Answer::Error:
             bus.send(message.createErrorReply(QStringLiteral("org.freedesktop.PolicyKit1.Error.Failed"), QString()));
@@ -35,14 +33,12 @@ public:
         }
         return true;
     }
-    static QVariant verdict(bool authorized, bool challenge = false, bool dismissed = false)
+    static QVariant verdict(bool authorized)
     {
-        QMap<QString, QString> details;
-        if (dismissed)
-            details.insert(QStringLiteral("polkit.dismissed"), QStringLiteral("true"));
+        constexpr bool isChallenge = false;
         QDBusArgument result;
         result.beginStructure();
-        result << authorized << challenge << details;
+        result << authorized << isChallenge << QMap<QString, QString>();
         result.endStructure();
         return QVariant::fromValue(result);
     }

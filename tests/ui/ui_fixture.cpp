@@ -67,7 +67,7 @@ QString UiTest::nextAlert()
     if (!waitFor([] { return alert() != nullptr; }))
         return {};
     const QPointer<QMessageBox> box = alert();
-    const QString text = box->text();
+    QString text = box->text();
     EXPECT_TRUE(QTest::qWaitForWindowExposed(box));
     QTest::keyClick(box, Qt::Key_Escape);
     EXPECT_TRUE(waitFor([&box] { return box.isNull(); }));

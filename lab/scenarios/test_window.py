@@ -1,0 +1,24 @@
+# SPDX-License-Identifier: MIT
+"""The window, closed and minimised and brought back."""
+import os
+
+from desk import Desk, resident
+from session import wait_for
+
+SCREEN = {"bare": True}
+
+
+def test_a_closed_window_is_brought_back_by_the_next_start(desk: Desk) -> None:
+    seen, person, pid = [], desk.person, desk.client.process.pid
+    person.do("type", name="Email", text="kept")
+    for _ in range(20):
+        desk.close_window()
+        desk.start_again()
+        seen.append((len(os.listdir(f"/proc/{pid}/fd")), resident(pid)))
+    (files, memory), (more_files, more_memory) = seen[1], seen[-1]
+    print(f"  after the 2nd and the 20th time: descriptors {files}, {more_files}; memory {memory}, {more_memory} KiB")
+    assert person.do("text", name="Email")["text"] == "kept", "the form is another one"
+    assert more_files <= files and more_memory - memory < 2048
+    desk.session.run("xdotool", "windowminimize", desk.window()).wait(20)
+    wait_for("the minimised window", lambda: not desk.window())
+    desk.start_again()
