@@ -19,14 +19,13 @@ const Error tooMany{ErrorCode::Busy, "Too many of your requests are still under 
 
 void Authority::check(const QString &sender, const QString &action, const Handler &handler)
 {
-    findUser(sender, [=, this](std::optional<uid_t> uid) {
-        const Caller caller{uid.value_or(0), uid ? takeQuota(*uid) : nullptr};
+    findUser(sender, [=, this](const Result<uid_t> &uid) {
         if (!uid)
-            handler(tl::make_unexpected(notAuthorized));
-        else if (!caller.quota)
-            handler(tl::make_unexpected(tooMany));
-        else
+            handler(tl::make_unexpected(uid.error()));
+        else if (const Caller caller{*uid, takeQuota(*uid)}; caller.quota)
             askPolkit(sender, action, caller, handler);
+        else
+            handler(tl::make_unexpected(tooMany));
     });
 }
 
@@ -39,7 +38,7 @@ void Authority::findUser(const QString &sender, UserHandler handler)
         if (answer.type() == QDBusMessage::ReplyMessage && answer.signature() == "u"_L1)
             handler(answer.arguments().constFirst().toUInt());
         else
-            handler(std::nullopt);
+            handler(tl::make_unexpected(notAuthorized));
     });
 }
 
@@ -62,12 +61,12 @@ void Authority::askPolkit(const QString &sender, const QString &action, const Ca
             handler(tl::make_unexpected(notAuthorized));
             return;
         }
-        // Once more, so that a sender that has left meanwhile is nobody.
-        findUser(sender, [caller, handler](std::optional<uid_t> uid) {
-            if (uid == caller.uid)
+        // The sender may have left while the person was asked.
+        findUser(sender, [caller, handler](const Result<uid_t> &uid) {
+            if (uid)
                 handler(caller);
             else
-                handler(tl::make_unexpected(notAuthorized));
+                handler(tl::make_unexpected(uid.error()));
         });
     });
 }

@@ -9,7 +9,6 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <optional>
 #include <sys/types.h>
 
 /// Who may do what: asks polkit about the sender of a message. Main thread; never blocks.
@@ -28,12 +27,13 @@ public:
 
     /// Asks about the sender with this unique bus name. A person may be asked for a password meanwhile, so there is no
     /// timeout. `handler` is called once, later: with `Busy` when the user's quota is used up, with `NotAuthorized`
-    /// when the user may not do `action`, when the sender has left meanwhile, and in every doubt.
+    /// when the user may not do `action`, when the sender has left meanwhile, and whenever polkit gives no clear yes.
     void check(const QString &sender, const QString &action, const Handler &handler);
 
 private:
-    using UserHandler = std::function<void(std::optional<uid_t>)>;
+    using UserHandler = std::function<void(const Result<uid_t> &)>;
 
+    /// `handler` gets the user of this bus name, or that a nameless sender may do nothing.
     void findUser(const QString &sender, UserHandler handler);
     std::shared_ptr<const void> takeQuota(uid_t uid);
     void askPolkit(const QString &sender, const QString &action, const Caller &caller, const Handler &handler);

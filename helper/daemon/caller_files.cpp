@@ -68,11 +68,11 @@ CallerFiles::CallerFiles(const ReadingChild::Caller &caller, std::vector<Reading
     startChild(caller);
     if (child_ > 0)
         timeout_.start(readTimeout);
-    else // deferred, since nobody can listen before this returns
+    else // later, because nobody is connected to the signal yet
         QMetaObject::invokeMethod(this, &CallerFiles::finish, Qt::QueuedConnection);
 }
 
-/// A child that hangs is left to the machine's first process: it holds nothing.
+/// Leaves a child that hangs to the machine's first process. The child holds nothing of the helper's.
 CallerFiles::~CallerFiles()
 {
     if (child_ <= 0)
@@ -112,7 +112,7 @@ void CallerFiles::takeBytes()
     while (bytes_.size() <= maxBytes_ && (got = ::read(pipe_.get(), piece, sizeof piece)) > 0)
         bytes_.append(piece, got);
     if (bytes_.size() > maxBytes_)
-        got = 0; // nothing that the child would say
+        got = 0; // the child never says so much
     if (!ended_ && (got == 0 || (errno != EAGAIN && errno != EINTR)))
         finish();
 }
@@ -127,7 +127,7 @@ void CallerFiles::tooLate()
     finish();
 }
 
-/// Whatever has arrived counts. Then the child's end is waited for, elsewhere.
+/// Reports what has arrived. `reap` follows when the child has ended.
 void CallerFiles::finish()
 {
     ended_ = true;

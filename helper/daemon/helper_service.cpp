@@ -49,7 +49,7 @@ void HelperService::finish()
     if (std::exchange(ending_, true))
         return;
     tunnel_.stop([this] {
-        // Whatever came in until now is in the queue; what comes later has the bus start the next helper.
+        // Messages that have arrived are in the queue. For later ones the bus starts the next helper.
         bus_.unregisterService(QLatin1String(HelperNames::service));
         QTimer::singleShot(0, this, &HelperService::handOver);
     });
@@ -87,9 +87,9 @@ int HelperService::runOpenVPN(const QString & /*config*/, const QString & /*clie
 {
     const Request request = accept();
     if (!areNames(request->arguments()))
-        // Before it is kept for polkit's answer: such messages are as large as their sender likes.
+        // Not kept until polkit answers: such a message may be as large as its sender likes.
         answer(request, errorReply(*request, {ErrorCode::ConfigUnsafe, "A file's name is too long."}));
-    else if (!isOneTooMany(request) && !ending_)
+    else if (!isBeyondQuota(request) && !ending_)
         admit(request, u"com.corvale.macos.helper.run"_s, [=, this](const auto &caller) { run(request, caller); });
     return 0;
 }
@@ -97,11 +97,11 @@ int HelperService::runOpenVPN(const QString & /*config*/, const QString & /*clie
 void HelperService::killOpenVPN()
 {
     const Request request = accept();
-    if (!isOneTooMany(request))
+    if (!isBeyondQuota(request))
         admit(request, u"com.corvale.macos.helper.kill"_s, [=, this](const auto &caller) { kill(request, caller); });
 }
 
-bool HelperService::isOneTooMany(const Request &request)
+bool HelperService::isBeyondQuota(const Request &request)
 {
     if (!ending_ || open_.size() <= maxHandedOver)
         return false;
@@ -167,7 +167,7 @@ void HelperService::answer(const Request &request, const QDBusMessage &reply)
 {
     if (std::erase(open_, request) == 0)
         return; // it has been left to the next helper
-    // A sender that wants no answer may not get one, or the bus would log it.
+    // The bus logs an answer to a sender that wants none.
     if (request->isReplyRequired())
         bus_.send(reply);
     idle_.start();

@@ -32,7 +32,7 @@ public:
     bool offer();
 
     /// Ends the tunnel and gives up the name. Then answers every message that it has not begun with the error
-    /// `Leaving`, so that the client sends it to the next helper, and says `finished`.
+    /// `Leaving`, so that the client sends it to the next helper, and emits `finished`.
     Q_SLOT void finish();
 
     // The members of the interface, called for a message by the generated adaptor. What they return is not sent: each
@@ -42,23 +42,23 @@ public:
     void killOpenVPN();
 
 signals:
-    /// Nothing is left to do: no tunnel, and no message for the idle timeout; or `finish` is through.
+    /// Once, when `finish` has done everything, or when there was no tunnel and no message for the idle timeout.
     void finished();
 
 private:
     using Request = std::shared_ptr<const QDBusMessage>;
 
-    /// The message that is being delivered, which waits for its answer from now on.
+    /// Returns the message that is being delivered. From now on it waits for its answer.
     Request accept();
-    /// Whether it may not wait any longer; then it is answered.
-    bool isOneTooMany(const Request &request);
+    /// Whether too many requests wait for the next helper already. If so, answers this one.
+    bool isBeyondQuota(const Request &request);
     void handOver();
     /// Goes on with `next` when the sender may do `action`; answers the request itself when not.
     void admit(const Request &request, const QString &action, std::function<void(const Authority::Caller &)> next);
     void run(const Request &request, const Authority::Caller &caller);
     void start(const Request &request, uid_t uid, const QByteArray &configuration);
     void kill(const Request &request, const Authority::Caller &caller);
-    /// Whether the tunnel that runs is not this user's; then the request is answered.
+    /// Whether another user's tunnel runs. If so, answers the request.
     bool isAnothers(const Request &request, uid_t uid);
     void answer(const Request &request, const QDBusMessage &reply);
     void leave();

@@ -8,8 +8,8 @@
 
 namespace {
 
-/// What a pushed option must begin with. OpenVPN compares text, so a name that takes values ends in a blank, or it
-/// would let pass every longer name too; those without one may stand alone.
+/// What a pushed option must begin with. OpenVPN compares text: without the blank at its end, a name would accept every
+/// longer name too. Names without a blank are options that may stand without a value.
 constexpr const char *accepted[] = {
     "route ",
     "route-ipv6 ",
@@ -51,14 +51,14 @@ QList<QByteArray> openvpnCommand(const HelperPaths &paths)
 {
     QList<QByteArray> command{
         paths.openvpn,
-        // Before its file, or what it has against that would be told nowhere.
+        // Before the file, because OpenVPN's complaints about the file would go nowhere otherwise.
         "--syslog", "corvale-openvpn", "--config", paths.configuration(),
-        // From level 3 on it repeats what it was told and what was pushed, and hides a password or a token only where
-        // it recognises them.
+        // From level 3 on OpenVPN logs its commands and the pushed options, and hides only those passwords and tokens
+        // that it recognises.
         "--verb", "2",
-        // A file that says neither this nor "tls-client" would make a peer that talks in the clear.
+        // Without this and without "tls-client" in the file, OpenVPN would talk to its peer in the clear.
         "--client",
-        // It insists on a folder that it may write to, and /tmp need not be one.
+        // OpenVPN insists on a folder that it may write to, and /tmp need not be one.
         "--tmp-dir", paths.runFolder, "--script-security", "2", "--up", paths.clientUp, "--down", paths.clientDown,
         "--management", "127.0.0.1", QByteArray::number(managementPort), "--management-query-passwords"};
     for (const char *beginning : accepted)
@@ -73,7 +73,7 @@ QList<QByteArray> openvpnCommand(const HelperPaths &paths)
 bool managementPortIsFree()
 {
     const Descriptor probe(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    // As OpenVPN does it: connections of an earlier tunnel that still fade away are no obstacle.
+    // As OpenVPN does: old connections that the kernel has yet to forget are no obstacle.
     const int on = 1;
     ::setsockopt(probe.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     sockaddr_in address{};

@@ -47,13 +47,13 @@ void ProcessRecord::killLeftover(const QByteArray &path, std::chrono::millisecon
     const Descriptor process(::pidfd_open(pid, 0));
     if (!process || words[1].isEmpty() || startTime(pid) != words[1])
         return;
-    // It has been told to end when its helper died; it may still be taking back its routes.
+    // The kernel told it to end when its helper died. It may still be removing its routes.
     pollfd watched{process.get(), POLLIN, 0};
     constexpr int killTimeout = 1000; // ms
     ::pidfd_send_signal(process.get(), SIGTERM, nullptr, 0);
     if (::poll(&watched, 1, static_cast<int>(timeout.count())) > 0)
         return;
-    // With its scripts: they must not go on beside the one that cleans up. It leads a session of its own.
+    // With its scripts, which are in its session: they must not run beside the script that cleans up.
     ::pidfd_send_signal(process.get(), SIGKILL, nullptr, 0);
     ::kill(-pid, SIGKILL);
     ::poll(&watched, 1, killTimeout);

@@ -18,8 +18,8 @@ namespace {
 
 bool becomeCaller(const Caller &caller)
 {
-    // The wish to die with the helper ends with a change of user, and so may the secrecy of its memory: the caller
-    // must not get a core of it.
+    // A change of user resets the signal at the parent's death and may make the memory dumpable. The caller must not
+    // get a core dump of the helper's memory.
     return ::syscall(SYS_setgroups, caller.groups.size(), caller.groups.data()) == 0 &&
            ::syscall(SYS_setresgid, caller.gid, caller.gid, caller.gid) == 0 &&
            ::syscall(SYS_setresuid, caller.uid, caller.uid, caller.uid) == 0 &&
@@ -77,12 +77,12 @@ bool tell(int pipe, const void *bytes, size_t length)
 
 [[noreturn]] void childMain(const Caller &caller, const std::vector<Wanted> &wanted, char *buffer, int pipe)
 {
-    // A child that hangs in a caller's file system must hold nothing of the helper's: the bus would take its copy of
-    // the socket for a helper that still lives.
+    // The child may hang in the caller's file system for ever. With a copy of the bus's socket it would look to the bus
+    // like a helper that still lives.
     constexpr int kept = 3;
     if (::dup2(pipe, kept) < 0 || ::close_range(kept + 1, ~0U, 0) != 0)
         ::_exit(1);
-    // From now on the process is the caller's to send signals to: all that is left to it is to stop or to kill.
+    // As the caller's process it takes signals from the caller. Only SIGSTOP and SIGKILL cannot be blocked.
     sigset_t all;
     ::sigfillset(&all);
     ::sigprocmask(SIG_BLOCK, &all, nullptr);

@@ -38,7 +38,7 @@ enum class Found : int {
     WritableByOthers,
     TooLarge,
     Broken,
-    Missing ///< never told: the child ended before
+    Missing ///< never told by the child, which ended before
 };
 
 struct Header {
@@ -46,7 +46,7 @@ struct Header {
     size_t length; ///< of the bytes that follow; none unless `found` is a file
 };
 
-/// Starts the process; what it has to say goes to `pipe`. Its number, or -1.
+/// Starts the process, which writes to `pipe`. Returns its number, or -1.
 pid_t fork(const Caller &caller, const std::vector<Wanted> &wanted, int pipe);
 
 } // namespace ReadingChild

@@ -33,11 +33,11 @@ public:
 
     explicit RequestJudge(HelperPaths paths) : paths_(std::move(paths)) {}
 
-    /// `handler` is called once: after two seconds at most from the request's turn on, at once while a file of an
-    /// earlier request of this user still hangs.
+    /// Calls `handler` once: within two seconds from the request's turn on, or at once while a file of an earlier
+    /// request of this user still hangs.
     void judge(uid_t uid, const TunnelRequest &request, Handler handler);
 
-    /// Refuses the requests of this user that wait.
+    /// Refuses every request of this user that has not been judged yet.
     void abandon(uid_t uid);
 
     [[nodiscard]] bool isIdle() const { return queues_.empty(); }
@@ -49,7 +49,7 @@ private:
     };
     struct Queue {
         Deferred<CallerFiles> files; ///< being read, or their child has yet to end
-        Handler current;             ///< theirs; none once it was called
+        Handler current;             ///< for `files`; null once it was called
         std::deque<Waiting> waiting;
         bool hangs = false;
     };

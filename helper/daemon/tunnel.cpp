@@ -36,8 +36,7 @@ bool makeFolder(const QByteArray &path)
 
 } // namespace
 
-Tunnel::Tunnel(HelperPaths paths, const Timeouts &timeouts)
-    : paths_(std::move(paths)), timeouts_(timeouts), status_(128 + SIGTERM)
+Tunnel::Tunnel(HelperPaths paths, const Timeouts &timeouts) : paths_(std::move(paths)), timeouts_(timeouts)
 {
     end_.setSingleShot(true);
     end_.setInterval(timeouts.end);
@@ -83,7 +82,7 @@ void Tunnel::run(uid_t uid, const QByteArray &configuration, Handler handler)
         reload();
 }
 
-/// The clients that asked have mostly quit since; their number must not grow for as long as a tunnel lives.
+/// Most clients that asked have quit since. Their number must not grow for as long as a tunnel lives.
 void Tunnel::dropOldest()
 {
     if (waiting_.size() <= maxWaiting)
@@ -117,12 +116,12 @@ void Tunnel::start()
     ProcessRecord::write(paths_.processRecord(), process_->pid());
 }
 
-/// Has OpenVPN read its file again. It must have read what it is reading: before its first file it would die of the
-/// signal, and whether it saw the old file or the new one could not be told.
+/// Has OpenVPN read its file again, as soon as it has read the present one: SIGHUP would kill an OpenVPN that has not
+/// read its first file, and nobody could tell whether a read begun before saw the old file or the new one.
 void Tunnel::reload()
 {
     if (!watch_->isWatching()) {
-        // The kernel has no watches left, so nobody would learn what OpenVPN reads: another one takes its place.
+        // The kernel has no watches left, so nobody would learn what OpenVPN has read. A fresh one replaces it.
         phase_ = Phase::Stopping;
         process_->signal(SIGTERM);
         end_.start();
@@ -162,7 +161,7 @@ bool Tunnel::isLeft() const
     return QFile::exists(QFile::decodeName(paths_.dnsNote())) || QFile::exists(QFile::decodeName(paths_.keptResolver));
 }
 
-/// OpenVPN has run the script itself unless it was killed; a second run finds nothing to do.
+/// OpenVPN has run the script itself unless it was killed. A second run then finds nothing to do.
 void Tunnel::restore()
 {
     phase_ = Phase::Restoring;
@@ -186,12 +185,10 @@ void Tunnel::restored()
     if (unread_ == 0)
         becomeIdle();
     answerServed();
-    // A request that came after the one to stop is served too, but nobody waits for its end.
-    const auto stops = std::exchange(stops_, {});
+    // A request that came after the one to stop is served now; who asked to stop does not wait for its end.
     if (unread_ > 0)
         start();
-    for (const auto &done : stops)
-        done();
+    tellStopped();
 }
 
 void Tunnel::answerServed()
@@ -235,14 +232,14 @@ void Tunnel::stop(std::function<void()> done)
         return;
     }
     stops_.push_back(std::move(done));
-    // Whoever waits for a tunnel that was to follow gets the end of this one.
+    // Requests that wait for a fresh OpenVPN get this one's end.
     unread_ = 0;
     reloadWhenRead_ = false;
     reloading_.stop();
     if (phase_ != Phase::Running)
         return;
     phase_ = Phase::Stopping;
-    // What it reads from now on serves nobody: a later request's file is for the next one.
+    // A file that OpenVPN reads from now on serves no request: it is for the next OpenVPN.
     watch_.reset();
     process_->signal(SIGTERM);
     end_.start();

@@ -10,6 +10,7 @@
 #include <QTimer>
 
 #include <chrono>
+#include <csignal>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -39,7 +40,7 @@ public:
     [[nodiscard]] bool isIdle() const { return phase_ == Phase::Idle && !retry_.isActive(); }
     [[nodiscard]] std::optional<uid_t> owner() const { return owner_; } ///< none while idle
 
-    /// Runs OpenVPN with this configuration for `uid`, or has the one that runs read it anew; its owner must be `uid`.
+    /// Runs OpenVPN with this configuration for `uid`, or has the running one of the same owner read it.
     /// `handler` is called once: with the exit status of the OpenVPN that served the request, or with why none did. At
     /// most sixteen requests wait for the same end: when one more comes, the oldest is refused.
     void run(uid_t uid, const QByteArray &configuration, Handler handler);
@@ -69,10 +70,10 @@ private:
     Deferred<ChildProcess> process_; ///< OpenVPN, or the script that restores
     std::unique_ptr<ReadWatch> watch_;
     const Timeouts timeouts_;
-    QTimer end_;       ///< runs while a process that was asked to end has not
-    QTimer reloading_; ///< runs from the request to read the file again until it is read
-    QTimer retry_;     ///< while idle: until client.down is tried once more
-    int status_ = 0;   ///< of the last OpenVPN
+    QTimer end_;                 ///< runs while a process that was asked to end has not
+    QTimer reloading_;           ///< runs from the request to read the file again until it is read
+    QTimer retry_;               ///< while idle: until client.down is tried once more
+    int status_ = 128 + SIGTERM; ///< of the last OpenVPN; before the first one, as if that had been ended
 
     std::vector<Handler> waiting_; ///< in the order of the requests
     size_t unread_ = 0;            ///< how many of the last ones wait for their file to be read

@@ -18,22 +18,10 @@ namespace {
 
 QByteArray configuration(const QString &folder, const QByteArray &extra)
 {
-    QByteArray xml = R"(<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
- "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
-<busconfig>
-  <type>system</type>
-  <listen>unix:path=FOLDER/socket</listen>
-  <servicedir>FOLDER/services</servicedir>
-  <auth>EXTERNAL</auth>
-  <policy context="default">
-    <allow user="*"/>
-    <allow own="*"/>
-    <allow send_destination="*" eavesdrop="true"/>
-    <allow receive_sender="*"/>
-  </policy>
-EXTRA
-</busconfig>
-)";
+    QByteArray xml = R"(<busconfig><type>system</type><auth>EXTERNAL</auth>
+<listen>unix:path=FOLDER/socket</listen><servicedir>FOLDER/services</servicedir>
+<policy context="default"><allow user="*"/><allow own="*"/>
+<allow send_destination="*" eavesdrop="true"/><allow receive_sender="*"/></policy>EXTRA</busconfig>)";
     return xml.replace("FOLDER", folder.toUtf8()).replace("EXTRA", extra);
 }
 

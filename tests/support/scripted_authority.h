@@ -38,9 +38,7 @@ public:
         constexpr bool isChallenge = false;
         QDBusArgument result;
         result.beginStructure();
-        result << authorized << isChallenge;
-        result.beginMap(QMetaType::fromType<QString>(), QMetaType::fromType<QString>());
-        result.endMap();
+        result << authorized << isChallenge << QMap<QString, QString>();
         result.endStructure();
         return QVariant::fromValue(result);
     }

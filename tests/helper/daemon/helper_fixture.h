@@ -11,6 +11,7 @@
 
 #include <csignal>
 #include <gmock/gmock.h>
+#include <grp.h>
 #include <unistd.h>
 
 using namespace Qt::StringLiterals;
@@ -34,6 +35,8 @@ protected:
     {
         if (::geteuid() != 0)
             GTEST_SKIP() << "the helper is root's";
+        constexpr gid_t root = 0;
+        ASSERT_EQ(::setgroups(1, &root), 0); // the helper may be started with groups of root's
         QDir(folder).removeRecursively();
         script(u"client.up", "");
         script(u"client.down", "echo >>restored");

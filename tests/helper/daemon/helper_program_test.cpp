@@ -92,13 +92,16 @@ TEST_F(HelperTest, aCopyOfTheScriptsIsAcceptedAndTheReplyIsHowOpenvpnEnded)
     script(u"client.down", "sleep 0.1; echo >>restored");
     shell("cp client.up copy.up; cp client.down copy.down");
     int runs = 0;
-    for (const auto &[ending, status] :
-         {std::pair("exit 0", "0"), {"exit 3", "3"}, {"kill -KILL $$", "137"}, {"kill -SEGV $$", "139"}}) {
+    for (const auto &[ending, status] : {std::pair("exit 0", "0"),
+                                         {"exit 3", "3"},
+                                         {"(read -r line <>gate) & echo $! >script; kill -KILL $$", "137"},
+                                         {"kill -SEGV $$", "139"}}) {
         openvpn(ending);
         EXPECT_EQ(outcome(run(u"profile.ovpn", client(), u"copy.up", u"copy.down")), status);
         EXPECT_EQ(lines(u"restored"), ++runs) << "answered before everything was cleaned up";
         EXPECT_TRUE(QDir(path(u"run")).isEmpty());
     }
+    EXPECT_TRUE(waitFor([&] { return hasEnded(pidIn(u"script")); })) << "a script outlived its OpenVPN";
 
     shell("rm openvpn");
     EXPECT_EQ(outcome(run()), "Internal");
@@ -107,10 +110,10 @@ TEST_F(HelperTest, aCopyOfTheScriptsIsAcceptedAndTheReplyIsHowOpenvpnEnded)
 TEST_F(HelperTest, openvpnGetsAFixedCommandAndNothingOfTheHelpersOwnState)
 {
     shell("install -d -m 777 run");
+    // The shell reads its signals itself: while it starts a program it blocks them.
     openvpn("exec >seen; tr '\\0' '\\n' </proc/$$/environ; umask; ls /proc/$$/fd; echo from $OLDPWD\n"
-            // Read by the shell itself, which blocks signals while it forks.
-            "while read -r key value; do case $key in Sig[BI]*) echo $key $value;; esac; done </proc/$$/status; [ "
-            "$(cut -d' ' -f6 /proc/$$/stat) = $$ ] && echo own session\n"
+            "while read -r key value; do case $key in Sig[BI]*) echo $key $value; esac; done </proc/$$/status\n"
+            "[ $(cut -d' ' -f6 /proc/$$/stat) = $$ ] && echo own session\n"
             "stat -c '%a %u' \"$4\" run; cat \"$4\"; for word; do echo \"<$word>\"; done");
     ASSERT_EQ(outcome(run()), "0");
     const std::string seen = contentOf(path(u"seen")).toStdString();

@@ -44,11 +44,8 @@ int main(int argc, char *argv[])
         mishap = argv[4];
     constexpr unsigned testTimeout = 100; // seconds; what a test that was itself killed leaves ends then
     ::alarm(testTimeout);
-    const QByteArray folder = argv[1];
-    const std::chrono::milliseconds idle(std::atoi(argv[2]));
-    const std::chrono::milliseconds ending(std::atoi(argv[3]));
-    return helperMain(
-        argc, argv,
-        {folder + "/openvpn", folder + "/client.up", folder + "/client.down", folder + "/run", folder + "/kept"},
-        {idle, {ending, ending, std::chrono::milliseconds(100)}});
+    const auto span = [argv](int number) { return std::chrono::milliseconds(std::atoi(argv[number])); };
+    const QByteArray in = QByteArray(argv[1]) + '/';
+    return helperMain(argc, argv, {in + "openvpn", in + "client.up", in + "client.down", in + "run", in + "kept"},
+                      {span(2), {span(3), span(3), std::chrono::milliseconds(100)}});
 }
