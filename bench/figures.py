@@ -51,12 +51,12 @@ def rows(lines, states, window, click):
     rates = [lines[f"lines/{count}"]["items_per_second"] for count in (10_000, 100_000, 1_000_000)]
     rest = window["rest"]
     return [
-        ("start until the window is on the screen, beside a bare Qt window", "x", 2.0, window["start"]),
-        ("resident memory while connected, beside that bare window", "x", 1.6, window["memory"]),
-        ("processor while connected and idle", "% of a core", 0.3, rest["percent"]),
+        ("start until the window is on the screen, beside a bare Qt window", "x", 1.8, window["start"]),
+        ("resident memory while connected, beside that bare window", "x", 1.5, window["memory"]),
+        ("processor while connected and idle", "% of a core", 0.1, rest["percent"]),
         # Three in half a minute are what a desktop may say to any window.
         ("wake-ups while connected and idle", "a second", 10.1, rest["wakeups"]),
-        ('click until "Desconectar", more than a plain script', "s", 0.45, click["more"]),
+        ('click until "Desconectar", more than a plain script', "s", 0.4, click["more"]),
         (f"state line until the button shows it, median of {len(states)}", "ms", 60, statistics.median(states)),
         ("the same, the longest", "ms", 110, states[-1]),
         ("lines through framing and dispatch", "million a second", -1.0, min(rates) / 1e6),

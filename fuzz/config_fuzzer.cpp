@@ -6,23 +6,13 @@
 #include "configuration_writer.h"
 #include "require.h"
 
+#include <QBuffer>
+
 #include <algorithm>
 #include <cctype>
 #include <optional>
 
 namespace {
-
-/// An option that reaches add_option(), without its body.
-struct Seen {
-    QByteArray name;
-    QList<QByteArray> values;
-    QList<Seen> inner; ///< of a connection block
-
-    bool operator==(const Seen &other) const
-    {
-        return name == other.name && values == other.values && inner == other.inner;
-    }
-};
 
 constexpr int fileBuffer = 257;  // read_config_file(): OPTION_LINE_SIZE + 1
 constexpr int blockBuffer = 256; // read_inline_file(), read_config_string()
@@ -33,27 +23,13 @@ bool isSpace(char c)
     return c == '\0' || std::isspace(static_cast<unsigned char>(c));
 }
 
-/// A file or a collected body, taken piece by piece.
-class Source {
-public:
-    explicit Source(QByteArray bytes) : bytes_(std::move(bytes)) {}
-
-    /// fgets() into `size` bytes, then seen as a C string.
-    std::optional<QByteArray> line(int size)
-    {
-        if (at_ >= bytes_.size())
-            return std::nullopt;
-        const qsizetype end = bytes_.indexOf('\n', at_);
-        const qsizetype whole = (end < 0 ? bytes_.size() : end + 1) - at_;
-        const QByteArray piece = bytes_.mid(at_, std::min<qsizetype>(whole, size - 1));
-        at_ += piece.size();
-        return QByteArray(piece.constData()); // up to the first NUL
-    }
-
-private:
-    QByteArray bytes_;
-    qsizetype at_ = 0;
-};
+/// fgets() into `size` bytes, then seen as a C string.
+std::optional<QByteArray> takeLine(QBuffer &source, int size)
+{
+    if (source.atEnd())
+        return std::nullopt;
+    return QByteArray(source.readLine(size - 1).constData());
+}
 
 /// parse_line(); nothing for its errors.
 std::optional<QList<QByteArray>> words(const QByteArray &line)
@@ -80,10 +56,10 @@ std::optional<QList<QByteArray>> words(const QByteArray &line)
     }
 }
 
-std::optional<QByteArray> body(Source &source, const QByteArray &name)
+std::optional<QByteArray> body(QBuffer &source, const QByteArray &name)
 {
     QByteArray text;
-    while (const auto line = source.line(blockBuffer)) {
+    while (const auto line = takeLine(source, blockBuffer)) {
         if (line->trimmed().startsWith("</" + name + '>'))
             return text;
         text += *line;
@@ -91,26 +67,21 @@ std::optional<QByteArray> body(Source &source, const QByteArray &name)
     return std::nullopt;
 }
 
-std::optional<QList<Seen>> readFrom(Source &source, int buffer, bool atStart);
+std::optional<QList<Directive>> readFrom(QByteArray bytes, int buffer, bool atStart);
 
-bool addBlock(Source &source, const QByteArray &name, QList<Seen> &into)
+bool addBlock(QBuffer &source, const QByteArray &name, QList<Directive> &into)
 {
     const auto text = body(source, name);
     if (!text)
         return false;
-    Seen block{name, {}, {}};
-    if (name == "connection") {
-        Source inner(*text);
-        const auto options = readFrom(inner, blockBuffer, false);
-        if (!options)
-            return false;
-        block.inner = *options;
-    }
-    into << block;
-    return true;
+    const auto inner = name == "connection" ? readFrom(*text, blockBuffer, false) : QList<Directive>();
+    if (inner)
+        into << Directive{.name = name, .inner = *inner};
+    return inner.has_value();
 }
 
-bool addLine(Source &source, const QByteArray &line, QList<Seen> &into)
+/// add_option(), to which a body does not get.
+bool addLine(QBuffer &source, const QByteArray &line, QList<Directive> &into)
 {
     auto cut = words(line);
     if (!cut || cut->isEmpty())
@@ -123,14 +94,16 @@ bool addLine(Source &source, const QByteArray &line, QList<Seen> &into)
     if (cut->size() > 2 && first == "setenv" && cut->at(1) == "opt")
         cut->remove(0, 2);
     const QByteArray name = cut->takeFirst();
-    into << Seen{name, *cut, {}};
+    into << Directive{.name = name, .values = *cut};
     return true;
 }
 
-std::optional<QList<Seen>> readFrom(Source &source, int buffer, bool atStart)
+std::optional<QList<Directive>> readFrom(QByteArray bytes, int buffer, bool atStart)
 {
-    QList<Seen> result;
-    while (auto line = source.line(buffer)) {
+    QList<Directive> result;
+    QBuffer source(&bytes);
+    source.open(QIODevice::ReadOnly);
+    while (auto line = takeLine(source, buffer)) {
         if (line->size() == fileBuffer - 1)
             return std::nullopt;
         if (atStart && line->startsWith("\xEF\xBB\xBF"))
@@ -143,30 +116,22 @@ std::optional<QList<Seen>> readFrom(Source &source, int buffer, bool atStart)
 }
 
 /// Nothing where OpenVPN would give the file up.
-std::optional<QList<Seen>> readByModel(const QByteArray &file)
+std::optional<QList<Directive>> readByModel(const QByteArray &file)
 {
-    Source source(file);
-    return readFrom(source, fileBuffer, true);
+    return readFrom(file, fileBuffer, true);
 }
 
-QList<Seen> seen(const QList<Directive> &directives)
+/// As the model has them: without the bodies, and without the options that the reader says it dropped.
+QList<Directive> asInModel(QList<Directive> directives, const QList<Directive> &dropped)
 {
-    QList<Seen> result;
-    for (const Directive &each : directives)
-        result << Seen{each.name, each.values, seen(each.inner)};
-    return result;
-}
-
-/// Without what the reader says that it dropped, wherever that stood.
-QList<Seen> without(const QList<Directive> &dropped, QList<Seen> options)
-{
-    const auto isDropped = [&](const Seen &option) {
+    directives.removeIf([&](const Directive &option) {
         return std::ranges::find(dropped, option.name, &Directive::name) != dropped.end();
-    };
-    options.removeIf(isDropped);
-    for (Seen &option : options)
-        option.inner.removeIf(isDropped);
-    return options;
+    });
+    for (Directive &each : directives) {
+        each.body.clear();
+        each.inner = asInModel(each.inner, dropped);
+    }
+    return directives;
 }
 
 } // namespace
@@ -183,10 +148,11 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char *data, std::size_t siz
         return 0;
     }
     const auto original = readByModel(bytes);
-    require(original && without(read->dropped, *original) == seen(read->directives));
+    const QList<Directive> expected = asInModel(read->directives, {});
+    require(original && asInModel(*original, read->dropped) == expected);
 
     const QByteArray text = canonicalConfiguration(read->directives);
-    require(readByModel(text) == seen(read->directives));
+    require(readByModel(text) == expected);
     for (const QByteArray &line : text.split('\n'))
         require(line.size() <= 254);
 

@@ -21,7 +21,7 @@ def pytest_addoption(parser: pytest.Parser) -> None:
 def pytest_collection_modifyitems(items: list[pytest.Item]) -> None:
     """What is not marked is fast, so that every scenario of this system is either fast or slow."""
     for item in items:
-        if not any(item.get_closest_marker(name) for name in ("slow", "system", "figures")):
+        if not any(item.get_closest_marker(name) for name in ("slow", "system")):
             item.add_marker("fast")
 
 

@@ -175,9 +175,10 @@ servers() {
     settled "service behind the tunnel" ip netns exec behind bash -c ': </dev/tcp/10.77.0.1/80'
 }
 
-# A file of scenarios/ by its name; what follows is for pytest, but for a number.
+# A file of scenarios/ or figures/ by its name; what follows is for pytest, but for a number.
 scenario() { # NAME [CYCLES] [OPTION…]
-    local file=$lab/scenarios/test_${1//-/_}.py
+    local file
+    for file in "$lab"/{scenarios,figures}/"test_${1//-/_}.py"; do [ ! -f "$file" ] || break; done
     if [ ! -f "$file" ]; then
         echo "There is no scenario $1; there are:" >&2
         basename -a -s .py "$lab"/scenarios/test_*.py | sed 's/^test_/    /; s/_/-/g' >&2

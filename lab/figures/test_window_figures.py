@@ -5,14 +5,12 @@ import time
 
 import costs
 import machine
-import pytest
 import timeline
 from desk import resident
 from screen import Pixels
 from session import HERE, PERSONAL, Session, wait_for
 from stage import ANA
 
-pytestmark = pytest.mark.figures
 SCREEN = {"bare": True}
 
 

@@ -4,11 +4,9 @@ import statistics
 
 import costs
 import plain
-import pytest
 from session import quiet
 from stage import CONNECTED, Stage
 
-pytestmark = pytest.mark.figures
 CLICKS = 5
 
 
