@@ -97,7 +97,7 @@ bool connectTunnel()
     service.username = u"ana@example.com"_s;
     service.password = u"secret"_s;
     service.startOpenVPN();
-    return !service.management.socket.send({});
+    return service.management.socket.send({}).has_value();
 }
 
 bool measure(const QString &path)
