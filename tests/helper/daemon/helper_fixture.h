@@ -151,3 +151,14 @@ protected:
     QStringList command;
     ScriptedAuthority authority;
 };
+
+/// For tests in which another user has a part.
+class TwoUsersTest : public HelperTest {
+protected:
+    void SetUp() override
+    {
+        if (!canActForOthers())
+            GTEST_SKIP() << "no other user gets at files here";
+        HelperTest::SetUp();
+    }
+};

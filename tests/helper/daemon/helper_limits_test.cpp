@@ -61,7 +61,7 @@ private:
 
 } // namespace
 
-TEST_F(HelperTest, aFileSystemThatHangsCostsItsCallerTwoSecondsAndNobodyElseAnything)
+TEST_F(TwoUsersTest, aFileSystemThatHangsCostsItsCallerTwoSecondsAndNobodyElseAnything)
 {
     auto hanging = std::make_unique<HangingFileSystem>(path(u"hanging"));
     if (!hanging->works())
@@ -89,7 +89,7 @@ TEST_F(HelperTest, aFileSystemThatHangsCostsItsCallerTwoSecondsAndNobodyElseAnyt
     EXPECT_TRUE(waitFor([&] { return outcome(run()) == "3"; }));
 }
 
-TEST_F(HelperTest, aRequestWhoseFilesAreBeingReadCanBeEndedByItsUser)
+TEST_F(TwoUsersTest, aRequestWhoseFilesAreBeingReadCanBeEndedByItsUser)
 {
     HangingFileSystem hanging(path(u"hanging"));
     if (!hanging.works())
@@ -106,7 +106,7 @@ TEST_F(HelperTest, aRequestWhoseFilesAreBeingReadCanBeEndedByItsUser)
     EXPECT_TRUE(waitFor([] { return helperPid() == 0; }));
 }
 
-TEST_F(HelperTest, aUserHasSixteenMessagesUnderWayAndAnotherUserItsOwn)
+TEST_F(TwoUsersTest, aUserHasSixteenMessagesUnderWayAndAnotherUserItsOwn)
 {
     authority.answer = ScriptedAuthority::Answer::Hold;
     for (int i = 0; i < 16; ++i)

@@ -12,7 +12,7 @@ TEST_F(HelperTest, anyoneMayAskTheVersionWhichIsTheOneInTheExecutable)
     EXPECT_TRUE(authority.asked.isEmpty());
 }
 
-TEST_F(HelperTest, onlyAClearYesOfPolkitLetsAMessagePassAndAnOpenQuestionDelaysNobody)
+TEST_F(TwoUsersTest, onlyAClearYesOfPolkitLetsAMessagePassAndAnOpenQuestionDelaysNobody)
 {
     using Answer = ScriptedAuthority::Answer;
     authority.answer = Answer::Hold;
@@ -43,7 +43,7 @@ TEST_F(HelperTest, onlyAClearYesOfPolkitLetsAMessagePassAndAnOpenQuestionDelaysN
     EXPECT_EQ(lines(u"started"), 1) << "it was started for somebody who had left";
 }
 
-TEST_F(HelperTest, whatIsUnsafeOrNotListedIsRefusedWithItsReasonAndNothingStarts)
+TEST_F(TwoUsersTest, whatIsUnsafeOrNotListedIsRefusedWithItsReasonAndNothingStarts)
 {
     const struct {
         QByteArray prepare;
@@ -194,7 +194,7 @@ TEST_F(HelperTest, aRequestThatComesWhileOpenvpnIsBeingStoppedIsServedAfterwards
     EXPECT_EQ(outcome(second), "6");
 }
 
-TEST_F(HelperTest, anotherUserCanNeitherTakeOverNorEndTheTunnelButHaveTheNextOne)
+TEST_F(TwoUsersTest, anotherUserCanNeitherTakeOverNorEndTheTunnelButHaveTheNextOne)
 {
     // With a script that only the user's group may read.
     shell("install -m 600 -o nobody profile.ovpn others.ovpn; install -m 640 -g nogroup client.up others.up");
@@ -235,15 +235,4 @@ TEST_F(HelperTest, openvpnDiesWithTheHelperAndTheNextHelperCleansUp)
     EXPECT_TRUE(exists(u"run/openvpn.conf"));
     EXPECT_EQ(version(), before);
     EXPECT_TRUE(waitFor([&] { return QDir(path(u"run")).isEmpty() && lines(u"restored") == 1; }));
-}
-
-TEST_F(HelperTest, aLostBusEndsTheHelperAndItsTunnelCleanly)
-{
-    runUntilReady();
-    const pid_t helper = helperPid();
-    bus.kill();
-    EXPECT_TRUE(waitFor([&] { return hasEnded(helper); }));
-    EXPECT_TRUE(hasEnded(pidIn(u"started")));
-    EXPECT_EQ(lines(u"restored"), 1);
-    EXPECT_TRUE(QDir(path(u"run")).isEmpty());
 }
