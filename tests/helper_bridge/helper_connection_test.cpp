@@ -1,14 +1,17 @@
 // SPDX-License-Identifier: MIT
 #include "helper_connection.h"
 
+#include "authorization.h"
 #include "captured_log.h"
 #include "helper_client.h"
 #include "private_bus.h"
+#include "scripted_authority.h"
 #include "wait_for.h"
 
 #include <QThread>
 
 #include <gmock/gmock.h>
+#include <thread>
 #include <unistd.h>
 
 using namespace Qt::StringLiterals;
@@ -202,6 +205,27 @@ TEST_F(HelperConnectionTest, aReplyThatCannotBeReadIsAnErrorAndAnEmptyVersionIsA
     askVersion(connection);
     ASSERT_TRUE(events->reach(3));
     EXPECT_THAT(events->all(), ElementsAre(HasSubstr("InvalidSignature"), "status -7", "version ''"));
+}
+
+// The bus library gives an answer 25 seconds where nothing else is said.
+TEST_F(HelperConnectionTest, neitherAReplyNorAPersonsPasswordMayTakeOnlyTwentyFiveSeconds)
+{
+    start();
+    ScriptedAuthority authority;
+    authority.answer = ScriptedAuthority::Answer::Hold;
+    auto authoritysBus = QDBusConnection::connectToBus(QDBusConnection::SystemBus, u"authority"_s);
+    ASSERT_TRUE(authority.offer(authoritysBus));
+    script(watched(), u"reply late"_s, u"26000"_s);
+    std::atomic<Authorization::Status> right = Authorization::internal;
+    std::jthread asking(
+        [&] { right = Authorization::AuthorizationCreate({{"an.action"}}, Authorization::InteractionAllowed); });
+    EXPECT_TRUE(waitFor([&] { return !events->all().empty(); }, std::chrono::seconds(40)));
+    EXPECT_THAT(events->all(), ElementsAre("status 5"));
+    ASSERT_FALSE(authority.held.isEmpty());
+    authoritysBus.send(authority.held.first().createReply(ScriptedAuthority::verdict(true)));
+    asking.join();
+    EXPECT_EQ(right, Authorization::success);
+    QDBusConnection::disconnectFromBus(u"authority"_s);
 }
 
 TEST_F(HelperConnectionTest, aConnectionReleasedOnItsOwnThreadStillDeliversWhatIsUnderWay)
