@@ -70,9 +70,9 @@ def system_files() -> dict[str, tuple[bytes, int]]:
     """What the bless tool puts into the system, with modes."""
     places = ("/usr/libexec/corvale", "/usr/share/dbus-1/system.d", "/usr/share/dbus-1/system-services",
               "/lib/systemd/system")
-    paths = (path for place in places for path in pathlib.Path(place).glob("*"))
+    paths = (path for place in places for path in pathlib.Path(place).rglob("*"))
     return {str(path): (path.read_bytes(), path.stat().st_mode) for path in paths
-            if "corvale" in str(path) and path != BLESS}
+            if "corvale" in str(path) and path.is_file() and path != BLESS}
 
 
 class Install(Stage):
