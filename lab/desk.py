@@ -78,10 +78,10 @@ class Desk(Stage):
 
 
 class NewerBar(Program):
-    """The status bar of the session's bus."""
+    """The status bar of the session's bus, or --alone, its part that may be there long before what shows the items."""
 
-    def __init__(self, session: Session) -> None:
-        super().__init__(as_user("ana", ["/usr/bin/python3", "-B", str(PERSONAL / "status_notifier.py")]),
+    def __init__(self, session: Session, *options: str) -> None:
+        super().__init__(as_user("ana", ["/usr/bin/python3", "-B", str(PERSONAL / "status_notifier.py"), *options]),
                          env=session.environment, cwd="/")
 
     def hears(self, key: str, after: int = 0) -> dict:
@@ -94,7 +94,7 @@ class NewerBar(Program):
     def ask(self, **request: object) -> dict:
         after = len(self.lines)
         self.process.stdin.write(json.dumps(request) + "\n")
-        return self.hears("chosen" if "choose" in request else "menu", after)
+        return self.hears(next(iter(request)), after)
 
 
 def resident(pid: int) -> int:

@@ -1,8 +1,9 @@
 # SPDX-License-Identifier: MIT
 """A status bar of the newer kind: watcher and host of StatusNotifier items on the session's bus.
 
-Writes one JSON line for each item that comes, with what it says of itself, and one when it goes. Reads requests:
-{"menu": true} is answered with the entries of the item's menu, {"choose": ENTRY} chooses one.
+Writes one JSON line for each item that comes, with what it says of itself, one when it goes, and one when somebody asks
+for the host. Reads requests, and answers each with one line: {"menu": true} with the entries of the item's menu,
+{"choose": ENTRY} chooses one, {"host": true} has the host come to a watcher that was started with --alone.
 """
 import json
 import sys
@@ -13,7 +14,7 @@ import gi
 gi.require_version("Gio", "2.0")
 from gi.repository import Gio, GLib  # noqa: E402
 
-WATCHER = "org.kde.StatusNotifierWatcher"
+WATCHER, PATH = "org.kde.StatusNotifierWatcher", "/StatusNotifierWatcher"
 ITEM = "org.kde.StatusNotifierItem"
 MENU = "com.canonical.dbusmenu"
 INTERFACE = Gio.DBusNodeInfo.new_for_xml(
@@ -26,6 +27,7 @@ INTERFACE = Gio.DBusNodeInfo.new_for_xml(
 
 bus = Gio.bus_get_sync(Gio.BusType.SESSION)
 menus: dict[str, str] = {}  # of the items' owners on the bus
+hosts = [True] if "--alone" not in sys.argv else []
 
 
 def tell(**what: typing.Any) -> None:
@@ -38,14 +40,15 @@ def ask(owner: str, path: str, interface: str, member: str, arguments: GLib.Vari
 
 def entries(owner: str) -> dict[str, int]:
     layout = ask(owner, menus[owner], MENU, "GetLayout", GLib.Variant("(iias)", (0, -1, [])))[1]
-    return {entry[1]["label"]: entry[0] for entry in layout[2] if "label" in entry[1]}
+    return {entry[1].get("label", ""): entry[0] for entry in layout[2]}
 
 
 def welcome(owner: str) -> bool:
     about = GLib.Variant("(s)", (ITEM,))
     said = ask(owner, "/StatusNotifierItem", "org.freedesktop.DBus.Properties", "GetAll", about)[0]
     menus[owner] = said["Menu"]
-    tell(came=said["Title"] or said["Id"], pictures=len(said["IconPixmap"]), menu=list(entries(owner)))
+    tell(came=said["Title"] or said["Id"], tip=said["ToolTip"][2], pictures=len(said["IconPixmap"]),
+         menu=list(entries(owner)))
     return False
 
 
@@ -68,21 +71,29 @@ def on_request(_source: typing.TextIO, _condition: GLib.IOCondition) -> bool:
         loop.quit()
         return False
     request = json.loads(line)
+    if "host" in request:
+        hosts.append(True)
+        bus.emit_signal(None, PATH, WATCHER, "StatusNotifierHostRegistered", None)
+        tell(host=True)
+        return True
     owner = list(menus)[-1]
     if "choose" in request:
         event = (entries(owner)[request["choose"]], "clicked", GLib.Variant("i", 0), 0)
         ask(owner, menus[owner], MENU, "Event", GLib.Variant("(isvu)", event))
-        tell(chosen=request["choose"])
+        tell(choose=request["choose"])
     else:
         tell(menu=list(entries(owner)))
     return True
 
 
 def value_of(_bus: Gio.DBusConnection, _sender: str, _path: str, _interface: str, name: str) -> GLib.Variant:
-    return GLib.Variant("i", 0) if name == "ProtocolVersion" else GLib.Variant("b", True)
+    if name == "ProtocolVersion":
+        return GLib.Variant("i", 0)
+    tell(asked=True)
+    return GLib.Variant("b", bool(hosts))
 
 
-bus.register_object("/StatusNotifierWatcher", INTERFACE, on_call, value_of, None)
+bus.register_object(PATH, INTERFACE, on_call, value_of, None)
 bus.signal_subscribe(
     "org.freedesktop.DBus", "org.freedesktop.DBus", "NameOwnerChanged", None, None, Gio.DBusSignalFlags.NONE,
     on_owner_change,

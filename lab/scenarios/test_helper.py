@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: MIT
-"""Whom polkit and the bus keep from the privileged helper, what it makes of a file that changes under its eyes, and what
-it may do itself."""
+"""Whom polkit and the bus keep from the privileged helper, what it makes of a file that changes under its eyes, and
+what it may do itself."""
 import collections
 import pathlib
 import re

@@ -4,16 +4,14 @@ import fcntl
 import os
 import pathlib
 import signal
-import time
 from collections.abc import Iterator
 
 import machine
 import pytest
-from helper_calls import HELPER, helper_pid, owner, reload_bus, run_folder, start_helper
+from helper_calls import HELPER, helper_pid, owner, reload_bus, run_folder
 from installing import BUNDLED, PASSWORD, Helpers, Install, bless, make_administrator, system_files
 from obstacles import refusing
 from session import Person, Session, wait_for
-from stage import STOPPED
 from traces import processes
 
 ACTION = "com.apple.ServiceManagement.blesshelper"
@@ -66,15 +64,6 @@ def test_an_older_helper_is_replaced_and_its_tunnel_ends(installer: Install, hel
     assert not pathlib.Path(f"/proc/{older}").exists(), "the older helper still runs"
     use(installer)
     assert helper_pid() != older
-
-
-def test_a_newer_helper_is_replaced(installer: Install, helpers: Helpers) -> None:
-    helpers.install("2.0.0")
-    helpers.bundle(helpers.version)
-    installer.start_client()
-    installer.logs(BUNDLE + helpers.version, INSTALLED + "2.0.0", SUCCESS, prompts=1)
-    assert helpers.installed() == helpers.version
-    use(installer)
 
 
 def test_the_tool_goes_on_when_the_client_quits(installer: Install, helpers: Helpers) -> None:
@@ -143,24 +132,6 @@ def test_the_client_quits_while_the_prompt_is_open(refused: Install, bundled: by
     wait_for("the prompt", refused.asked)
     refused.quits()
     wait_for("the prompt's end", lambda: any(line == "prompt withdrawn" for _, line in refused.prompts.lines))
-
-
-def test_a_helper_that_does_not_answer_holds_up_nobody(refused: Install) -> None:
-    refused.agent = None
-    os.kill(start_helper(), signal.SIGSTOP)
-    refused.start_client()
-    refused.logs(BUNDLE)
-    time.sleep(3)
-    refused.logs(BUNDLE)
-    assert refused.client.process.poll() is None and refused.title() == STOPPED
-    os.kill(helper_pid(), signal.SIGCONT)
-    refused.gives_up(*NO_RIGHT, error(-60007))
-
-
-def test_the_client_ends_when_the_bundles_helper_is_no_program(refused: Install) -> None:
-    BUNDLED.write_bytes(b"#!/bin/sh\n")
-    refused.launch()
-    refused.gives_up("Bless Error: The tool that installs the helper ended with status 1.", prompts=1)
 
 
 def test_the_client_ends_when_there_is_no_polkit(refused: Install) -> None:

@@ -1,7 +1,10 @@
 # SPDX-License-Identifier: MIT
-"""The window, closed and minimised and brought back."""
+"""The window: closed and minimised and brought back, and on a session bus that is of no use."""
 import os
+import signal
+import socket
 
+import pytest
 from desk import Desk, resident
 from session import wait_for
 
@@ -21,4 +24,19 @@ def test_a_closed_window_is_brought_back_by_the_next_start(desk: Desk) -> None:
     assert more_files <= files and more_memory - memory < 2048
     desk.session.run("xdotool", "windowminimize", desk.window()).wait(20)
     wait_for("the minimised window", lambda: not desk.window())
-    desk.start_again()
+    os.kill(pid, signal.SIGSTOP)  # busy
+    assert desk.session.client().process.wait(20) == 0, "the second start takes a busy client for none"
+    os.kill(pid, signal.SIGCONT)
+    assert desk.shown() == desk.first
+
+
+@pytest.mark.parametrize("bus", ["unix:path=/nonexistent", "unix:abstract=silent"])
+def test_the_client_starts_whatever_the_session_bus_does_and_ends_when_asked(desk: Desk, bus: str) -> None:
+    desk.client.end()
+    wait_for("the window's end", lambda: not desk.window())
+    with socket.socket(socket.AF_UNIX) as silent:
+        silent.bind("\0silent")
+        silent.listen()
+        client = desk.session.client(DBUS_SESSION_BUS_ADDRESS=bus)
+        wait_for("the window", desk.window)
+        assert client.end() == 0

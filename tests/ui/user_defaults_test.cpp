@@ -54,13 +54,4 @@ TEST_F(UserDefaultsTest, TheFileIsReadableByItsUserAloneBehindALinkToo)
     ::umask(before);
 }
 
-TEST_F(UserDefaultsTest, WhatCannotBeWrittenIsOneLineInTheLog)
-{
-    ASSERT_TRUE(QDir().mkpath(path_)); // a folder with the name of the file
-    internal::CaptureStderr();
-    UserDefaults::setStrings({{u"email"_s, u"a"_s}, {u"password"_s, u"b"_s}});
-    EXPECT_EQ(internal::GetCapturedStderr(), "User defaults error: Is a directory\n");
-    EXPECT_EQ(UserDefaults::stringForKey(u"email"_s), std::nullopt);
-}
-
 } // namespace
