@@ -124,6 +124,7 @@ TEST(OpenVPNService, ShowsWhatOpenVPNReportsAndStopsByACommandAlone)
     const TCPPeer peer(managementPort);
     startAgainst(peer, 1);
     auto &service = OpenVPNService::shared();
+    QSignalSpy announced(&service, &OpenVPNService::OpenVPNStateDidChange);
     testing::internal::CaptureStdout();
     peer.send(
         ">INFO:OpenVPN\r\n>STATE:1,WAIT,,,\r\n>LOG:1,I,a:b\r\nSUCCESS: x\r\n>BYTECOUNT:1,2\r\n>NEW:1\r\nERROR: e\r\n"
@@ -134,6 +135,7 @@ TEST(OpenVPNService, ShowsWhatOpenVPNReportsAndStopsByACommandAlone)
     EXPECT_EQ(service.state(), u"CONNECTED"_s);
     peer.send("ATE:4,EXITING,SIGINT,\r\n");
     EXPECT_TRUE(stateBecomes("EXITING"));
+    EXPECT_TRUE(waitFor([&] { return announced.count() == 3; })) << "what the reader's thread has updated";
     EXPECT_EQ(output(), "1,I,a:b\nMGMT: Got unrecognized command>NEW:1\n"
                         "MGMT: Got unrecognized line from managmentERROR: e\nsignal SIGINT\n\n");
 }
@@ -202,7 +204,7 @@ TEST(OpenVPNService, StartsNothingWithoutAConfiguration)
     testing::internal::CaptureStdout();
     service.startOpenVPN();
     EXPECT_EQ(output(), "error while starting mgmt interface\n");
-    EXPECT_EQ(peer.clients(), 0);
+    EXPECT_FALSE(waitFor([&] { return peer.clients() > 0; }, 50ms));
 }
 
 TEST(OpenVPNService, AsksTheHelperAtEveryStartAndKnowsByItsReplyThatOpenVPNHasEnded)
