@@ -4,10 +4,10 @@
 #include "files.h"
 #include "openvpn_management.h"
 
+#include <QTcpServer>
+
 #include <csignal>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -37,19 +37,12 @@ pid_t inChild(uid_t user, Work work)
 }
 
 /// Listens on the management port, accepts whoever comes or nobody, and says when it listens.
-int listenOn(quint16 port, bool accepts, int ready)
+int listenOnPort(bool accepts, int ready)
 {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    const int listener = ::socket(AF_INET, SOCK_STREAM, 0);
-    const int on = 1;
-    ::setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    if (::bind(listener, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0 || ::listen(listener, 5) != 0)
+    QTcpServer listener;
+    if (!listener.listen(QHostAddress::LocalHost, managementPort) || ::write(ready, "", 1) != 1)
         return EXIT_FAILURE;
-    const ssize_t told = ::write(ready, "", 1);
-    while (accepts && told > 0 && ::accept(listener, nullptr, nullptr) >= 0) {
+    while (accepts && listener.waitForNewConnection(-1)) {
     }
     return ::pause();
 }
@@ -92,7 +85,7 @@ TEST(LocalPeer, aListenerIsTrustedWhenItIsRootsOrTheClientsOwnUsers)
             SCOPED_TRACE(testing::Message() << "listener " << user << (accepts ? ", accepting" : ""));
             int ready[2];
             ASSERT_EQ(::pipe(ready), 0);
-            const pid_t listener = inChild(user, [=] { return listenOn(managementPort, accepts, ready[1]); });
+            const pid_t listener = inChild(user, [=] { return listenOnPort(accepts, ready[1]); });
             ::close(ready[1]);
             char byte = 0;
             EXPECT_EQ(::read(ready[0], &byte, 1), 1);

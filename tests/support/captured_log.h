@@ -1,39 +1,22 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include "files.h"
 #include "wait_for.h"
 
-#include <QTemporaryFile>
-
-#include <unistd.h>
+#include <gtest/gtest.h>
 
 /// Standard error, where the system log writes too, for as long as this lives.
 class CapturedLog {
 public:
-    CapturedLog() : before_(::dup(STDERR_FILENO))
-    {
-        if (file_.open())
-            ::dup2(file_.handle(), STDERR_FILENO);
-    }
-    ~CapturedLog()
-    {
-        ::dup2(before_, STDERR_FILENO);
-        ::close(before_);
-    }
+    CapturedLog() { testing::internal::CaptureStderr(); }
+    ~CapturedLog() { testing::internal::GetCapturedStderr(); }
     CapturedLog(const CapturedLog &) = delete;
     CapturedLog &operator=(const CapturedLog &) = delete;
 
-    QByteArray text() const
-    {
-        QFile file(file_.fileName());
-        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-    }
+    QByteArray text() const { return contentOf(QStringLiteral("/proc/self/fd/2")); }
     bool reach(const char *line, qsizetype count) const
     {
         return waitFor([&] { return text().count(line) >= count; });
     }
-
-private:
-    QTemporaryFile file_;
-    const int before_;
 };

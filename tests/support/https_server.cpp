@@ -3,25 +3,15 @@
 
 #include "files.h"
 
-#include <QEventLoop>
 #include <QSslConfiguration>
 #include <QSslKey>
-#include <QSslServer>
-#include <QSslSocket>
+#include <QTcpSocket>
 
 namespace {
 
 QByteArray content(const QByteArray &name)
 {
     return contentOf(QString::fromLatin1("/tmp/certificates/" + name));
-}
-
-bool trustTheAuthority()
-{
-    QSslConfiguration trusting = QSslConfiguration::defaultConfiguration();
-    trusting.setCaCertificates({QSslCertificate(content("trusted.pem"))});
-    QSslConfiguration::setDefaultConfiguration(trusting);
-    return true;
 }
 
 /// The names in a header mean the same in any case, and versions of Qt send them in different ones.
@@ -35,47 +25,29 @@ QByteArray withLowerNames(QByteArray header)
 
 } // namespace
 
-HttpsServer::HttpsServer(Answer answer, const char *certificate, quint16 port) : answer_(std::move(answer)), port_(port)
+HttpsServer::HttpsServer(Answer answer, const char *certificate, quint16 port) : answer_(std::move(answer))
 {
-    [[maybe_unused]] static const bool trusted = trustTheAuthority();
-    thread_ = std::thread([this, certificate] { serve(certificate); });
-    listening_.acquire();
-}
+    QSslConfiguration trusting = QSslConfiguration::defaultConfiguration();
+    trusting.setCaCertificates({QSslCertificate(content("trusted.pem"))});
+    QSslConfiguration::setDefaultConfiguration(trusting);
 
-HttpsServer::~HttpsServer()
-{
-    ending_ = true;
-    events_->wakeUp();
-    thread_.join();
-}
-
-void HttpsServer::serve(const QByteArray &certificate)
-{
-    QEventLoop events; // first, since a thread that Qt did not start cannot watch sockets before
-    QSslServer server;
     QSslConfiguration identity;
-    identity.setLocalCertificate(QSslCertificate(content(certificate + ".pem")));
-    identity.setPrivateKey(QSslKey(content(certificate + ".key"), QSsl::Ec));
-    server.setSslConfiguration(identity);
-    QObject::connect(&server, &QSslServer::pendingConnectionAvailable, &server, [this, &server] {
-        auto *const socket = qobject_cast<QSslSocket *>(server.nextPendingConnection());
-        const std::scoped_lock lock(guard_);
+    identity.setLocalCertificate(QSslCertificate(content(certificate + QByteArray(".pem"))));
+    identity.setPrivateKey(QSslKey(content(certificate + QByteArray(".key")), QSsl::Ec));
+    server_.setSslConfiguration(identity);
+    QObject::connect(&server_, &QSslServer::pendingConnectionAvailable, &server_, [this] {
+        auto *const socket = server_.nextPendingConnection();
         ++connections_;
-        QObject::connect(socket, &QSslSocket::readyRead, socket,
+        QObject::connect(socket, &QTcpSocket::readyRead, &server_,
                          [this, socket, received = QByteArray()]() mutable { read(*socket, received); });
         if (socket->bytesAvailable() > 0)
-            QMetaObject::invokeMethod(socket, &QSslSocket::readyRead, Qt::QueuedConnection);
+            QMetaObject::invokeMethod(socket, &QTcpSocket::readyRead, Qt::QueuedConnection);
     });
-    if (!server.listen(QHostAddress::LocalHost, port_))
+    if (!server_.listen(QHostAddress::LocalHost, port))
         qFatal("The test's server cannot listen.");
-    port_ = server.serverPort();
-    events_ = &events;
-    listening_.release();
-    while (!ending_)
-        events.processEvents(QEventLoop::WaitForMoreEvents);
 }
 
-void HttpsServer::read(QSslSocket &socket, QByteArray &received)
+void HttpsServer::read(QTcpSocket &socket, QByteArray &received)
 {
     received += socket.readAll();
     const qsizetype header = received.indexOf("\r\n\r\n") + 4;
@@ -85,31 +57,18 @@ void HttpsServer::read(QSslSocket &socket, QByteArray &received)
     const qsizetype length = received.indexOf("\ncontent-length: ");
     if (length >= 0 && received.size() < header + received.mid(length + 17).split('\r')[0].toLongLong())
         return;
-    {
-        const std::scoped_lock lock(guard_);
-        requests_ += received;
-    }
+    requests_ += received;
     const Reply reply = answer_(std::exchange(received, {}));
     socket.write(reply.bytes);
-    if (!reply.open)
-        socket.disconnectFromHost();
+    if (reply.open)
+        return;
+    socket.disconnectFromHost();
+    socket.waitForDisconnected(); // before the client, whose events wait meanwhile, could ask again on it
 }
 
 QByteArray HttpsServer::address(const char *path) const
 {
-    return "https://localhost:" + QByteArray::number(port_) + path;
-}
-
-QList<QByteArray> HttpsServer::requests() const
-{
-    const std::scoped_lock lock(guard_);
-    return requests_;
-}
-
-int HttpsServer::connections() const
-{
-    const std::scoped_lock lock(guard_);
-    return connections_;
+    return "https://localhost:" + QByteArray::number(server_.serverPort()) + path;
 }
 
 QByteArray response(const char *status, const QByteArray &body, const QByteArray &headers)

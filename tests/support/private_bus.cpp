@@ -6,11 +6,7 @@
 #include <QTemporaryDir>
 
 #include <csignal>
-#include <fcntl.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
-#include <vector>
+#include <cstdlib>
 
 using namespace Qt::StringLiterals;
 
@@ -23,17 +19,6 @@ QByteArray configuration(const QString &folder, const QByteArray &extra)
 <policy context="default"><allow user="*"/><allow own="*"/>
 <allow send_destination="*" eavesdrop="true"/><allow receive_sender="*"/></policy>EXTRA</busconfig>)";
     return xml.replace("FOLDER", folder.toUtf8()).replace("EXTRA", extra);
-}
-
-/// Not QProcess: its way of starting a program confuses the thread sanitizer about the thread that does it.
-pid_t spawn(const QList<QByteArray> &command, const posix_spawn_file_actions_t *actions = nullptr)
-{
-    std::vector<char *> arguments;
-    for (const QByteArray &word : command)
-        arguments.push_back(const_cast<char *>(word.constData()));
-    arguments.push_back(nullptr);
-    pid_t process = -1;
-    return ::posix_spawnp(&process, arguments[0], actions, nullptr, arguments.data(), environ) == 0 ? process : -1;
 }
 
 } // namespace
@@ -62,31 +47,21 @@ bool PrivateBus::start()
 {
     QFile::remove(folder() + u"/socket"_s);
     writeFile(folder() + u"/bus.conf"_s, configuration(folder(), extra_));
-    int printed[2];
-    if (::pipe2(printed, O_CLOEXEC) != 0)
-        return false;
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, printed[1], STDOUT_FILENO);
-    daemon_ = spawn({"setpriv", "--pdeathsig", "KILL", "dbus-daemon", "--nofork", "--nopidfile", "--nosyslog",
-                     "--print-address", "--config-file=" + folder().toUtf8() + "/bus.conf"},
-                    &actions);
-    posix_spawn_file_actions_destroy(&actions);
-    ::close(printed[1]);
-    // The address is printed once the bus listens; a daemon that fails closes the pipe without a word.
-    char first = 0;
-    const bool listens = ::read(printed[0], &first, 1) == 1;
-    ::close(printed[0]);
-    return listens;
+    // Not QProcess: its way of starting a program confuses the thread sanitizer about the thread that does it.
+    const std::string command = "exec setpriv --pdeathsig KILL dbus-daemon --nofork --nopidfile --nosyslog --print-pid "
+                                "--config-file=" +
+                                folder().toStdString() + "/bus.conf";
+    daemon_ = ::popen(command.c_str(), "re");
+    // Printed once the bus listens; a daemon that fails ends without a word.
+    return daemon_ && std::fscanf(daemon_, "%d", &process_) == 1;
 }
 
 void PrivateBus::kill()
 {
-    if (daemon_ <= 0)
-        return;
-    ::kill(daemon_, SIGKILL);
-    ::waitpid(daemon_, nullptr, 0);
-    daemon_ = -1;
+    if (process_ > 0)
+        ::kill(std::exchange(process_, 0), SIGKILL);
+    if (daemon_)
+        ::pclose(std::exchange(daemon_, nullptr));
 }
 
 void PrivateBus::activate(const QString &name, const QStringList &command)
@@ -104,10 +79,9 @@ void PrivateBus::forgetActivation(const QString &name)
 
 void PrivateBus::reload() const
 {
+    constexpr char request[] = "dbus-send --system --print-reply --dest=org.freedesktop.DBus /org/freedesktop/DBus "
+                               "org.freedesktop.DBus.ReloadConfig >/dev/null";
     // The daemon watches the folder too, but says nothing when it has read it.
-    if (daemon_ <= 0)
-        return;
-    const pid_t request = spawn({"dbus-send", "--system", "--print-reply=literal", "--dest=org.freedesktop.DBus",
-                                 "/org/freedesktop/DBus", "org.freedesktop.DBus.ReloadConfig"});
-    ::waitpid(request, nullptr, 0);
+    if (process_ > 0 && std::system(request) != 0)
+        qFatal("The bus does not read its folder again.");
 }

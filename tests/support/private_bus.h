@@ -5,7 +5,7 @@
 #include <QString>
 #include <QStringList>
 
-#include <sys/types.h>
+#include <cstdio>
 
 /// A bus of this process's own in the place of the system bus: a real dbus-daemon with a permissive policy, which ends
 /// with the test. The bus library reads the address once for each process, so every bus of a process listens at the
@@ -32,5 +32,6 @@ private:
     void reload() const;
 
     QByteArray extra_;
-    pid_t daemon_ = -1;
+    std::FILE *daemon_ = nullptr; ///< what it prints
+    int process_ = 0;
 };

@@ -2,10 +2,11 @@
 #pragma once
 
 #include <QDBusConnection>
+#include <QDBusMessage>
 #include <QDBusVirtualObject>
 
-/// Has the helper's name on the system bus and never answers: every launch goes on with it, and none installs anything.
-/// The bus must be one of the program's own.
+/// Has the helper's name on the system bus and does not answer: every launch goes on with it, and none installs
+/// anything. The bus must be one of the program's own.
 class SilentHelper final : public QDBusVirtualObject {
 public:
     SilentHelper()
@@ -17,5 +18,11 @@ public:
     }
 
     QString introspect(const QString & /*path*/) const override { return {}; }
-    bool handleMessage(const QDBusMessage & /*message*/, const QDBusConnection & /*bus*/) override { return true; }
+    bool handleMessage(const QDBusMessage &message, const QDBusConnection & /*bus*/) override
+    {
+        messages << message;
+        return true;
+    }
+
+    QList<QDBusMessage> messages; ///< for a test to answer after all
 };

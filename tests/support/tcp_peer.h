@@ -1,37 +1,47 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include <QByteArray>
+#include <QTcpServer>
+#include <QTcpSocket>
 
-#include <mutex>
-#include <thread>
-
-/// The other end of a TCP connection on 127.0.0.1: a real listener that serves one client after the other on a thread
-/// of its own and remembers what the latest one sent. Every operation may be called on any thread.
+/// The other end of a TCP connection on 127.0.0.1: serves one client after the other while the main thread's events
+/// run, and remembers what the latest one sent. Meanwhile the kernel takes clients and bytes, as many as fit.
 class TCPPeer {
 public:
-    explicit TCPPeer(quint16 port = 0); ///< 0 takes a free port; a taken one ends the test program
-    ~TCPPeer();
-    TCPPeer(const TCPPeer &) = delete;
-    TCPPeer &operator=(const TCPPeer &) = delete;
+    explicit TCPPeer(quint16 port = 0) ///< 0 takes a free port; a taken one ends the test program
+    {
+        if (!server_.listen(QHostAddress::LocalHost, port))
+            qFatal("The peer's port is taken.");
+        QObject::connect(&server_, &QTcpServer::newConnection, &server_, [this] { serve(); });
+    }
 
-    quint16 port() const { return port_; }
-    int clients() const;                      ///< how many have been accepted so far
-    QByteArray received() const;              ///< what the latest client has sent
-    bool clientLeft() const;                  ///< the latest client has closed its end
-    void send(const QByteArray &bytes) const; ///< to the latest client, in one piece
-    void closeClient();
+    quint16 port() const { return server_.serverPort(); }
+    int clients() const { return clients_; }                 ///< how many have been served so far
+    const QByteArray &received() const { return received_; } ///< what the latest client has sent
+    void send(const QByteArray &bytes) const                 ///< to the latest client, in one piece
+    {
+        client_->write(bytes);
+        client_->flush();
+    }
+    void closeClient() const { client_->close(); }
 
 private:
-    void serve();
-    void readAll(int client);
+    void serve()
+    {
+        if (client_ || !server_.hasPendingConnections())
+            return;
+        client_ = server_.nextPendingConnection();
+        ++clients_;
+        received_.clear();
+        QObject::connect(client_, &QTcpSocket::readyRead, &server_, [this] { received_ += client_->readAll(); });
+        QObject::connect(client_, &QTcpSocket::disconnected, &server_, [this] {
+            std::exchange(client_, nullptr)->deleteLater();
+            serve();
+        });
+    }
 
-    quint16 port_ = 0;
-    int listener_ = -1;
-    mutable std::mutex guard_; ///< of everything below
-    int client_ = -1;
+    QTcpServer server_;
+    QTcpSocket *client_ = nullptr;
     int clients_ = 0;
-    bool left_ = false;
     QByteArray received_;
-    std::thread thread_;
 };
