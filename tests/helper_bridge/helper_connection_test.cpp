@@ -168,16 +168,6 @@ TEST_F(HelperConnectionTest, errorsArriveUnchangedAndOnlyRefusalsInvalidate)
     }
 }
 
-TEST_F(HelperConnectionTest, aBusWhosePolicyForbidsTheMessageInvalidates)
-{
-    bus.configure("<policy context='mandatory'><deny send_destination='com.corvale.macos.helper'/></policy>");
-    start();
-    askVersion(watched());
-    ASSERT_TRUE(events->reach(2));
-    EXPECT_THAT(events->all(),
-                ElementsAre(StartsWith("error org.freedesktop.DBus.Error.AccessDenied: "), "invalidated"));
-}
-
 TEST_F(HelperConnectionTest, theEndOfTheBusFailsEveryPendingMessageAndInvalidatesOnce)
 {
     start();
