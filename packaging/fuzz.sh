@@ -1,10 +1,10 @@
 #!/bin/sh
 # SPDX-License-Identifier: MIT
-# Runs each fuzzer for a bounded time, from the kept seeds. usage: run.sh BUILD_FOLDER SECONDS
+# Runs each fuzzer for a bounded time, from the kept seeds. usage: fuzz.sh BUILD_FOLDER SECONDS
 set -eu
 build=$1
 seconds=$2
-here=$(dirname "$0")
+cd "$(dirname "$0")/.."
 
 fuzz() {
     name=$1
@@ -20,7 +20,7 @@ fuzz() {
     fi
 }
 
-fuzz config_fuzzer "$here/seeds/config" "$here/../tests/helper/profiles" "-dict=$here/config.dict"
-fuzz management_lines_fuzzer "$here/seeds/management_lines" "-dict=$here/management_lines.dict"
-fuzz info_dictionary_fuzzer "$here/seeds/info_dictionary"
-fuzz account_answer_fuzzer "$here/seeds/account_answer" "-dict=$here/account_answer.dict"
+fuzz config_fuzzer fuzz/seeds/config tests/helper/profiles -dict=fuzz/config.dict
+fuzz management_lines_fuzzer fuzz/seeds/management_lines -dict=fuzz/management_lines.dict
+fuzz info_dictionary_fuzzer fuzz/seeds/info_dictionary
+fuzz account_answer_fuzzer fuzz/seeds/account_answer -dict=fuzz/account_answer.dict
