@@ -23,7 +23,8 @@ test:
 	$(call made,build run test,-DBUILD_TESTING=ON,all)
 	ctest --preset $(PRESET)
 
-# Every test, and in the lab the main job and the status bars; without systemd, whose limits for the helper the sanitizers cannot live with.
+# Every test, and in the lab the main job and the status bars; without systemd, whose limits for the helper the
+# sanitizers cannot live with.
 asan tsan:
 	lab/demo.sh check
 	@packaging/install-packages.sh build run test demo
