@@ -23,14 +23,12 @@ test:
 	$(call made,build run test,-DBUILD_TESTING=ON,all)
 	ctest --preset $(PRESET)
 
-# Every test, and in the lab the main job and the status bars; without systemd, whose limits for the helper the
-# sanitizers cannot live with.
+# Every test, and the main job in the lab; without systemd, whose limits for the helper the sanitizers cannot live with.
 asan tsan:
 	lab/demo.sh check
 	@packaging/install-packages.sh build run test demo
 	$(MAKE) --no-print-directory test PRESET=$@
 	BUILD=build/$@ INIT=none lab/demo.sh
-	BUILD=build/$@ INIT=none lab/demo.sh tray
 
 # Builds everything that there is, and reads the fuzzers as clang compiles them.
 lint:
