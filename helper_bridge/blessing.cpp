@@ -3,8 +3,6 @@
 
 #include <QProcess>
 
-#include <csignal>
-
 using namespace Qt::StringLiterals;
 
 namespace {
@@ -35,8 +33,6 @@ Result<void> Blessing::SMJobBless(const QString &helper, const Programs &program
     QProcessEnvironment environment;
     environment.insert(u"PATH"_s, u"/usr/sbin:/usr/bin"_s);
     process.setProcessEnvironment(environment);
-    // It is this program alone that ignores the signal.
-    process.setChildProcessModifier([] { (void)::signal(SIGPIPE, SIG_DFL); });
     process.setStandardInputFile(QProcess::nullDevice());
     process.setStandardOutputFile(QProcess::nullDevice());
     process.start(programs.pkexec, {u"--disable-internal-agent"_s, programs.bless, helper});
