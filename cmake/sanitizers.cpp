@@ -49,9 +49,7 @@ const char *__tsan_default_suppressions()
         "race:HelperSession::metaObject\n"
         // What a posted call carries is handed over under the lock of Qt's event queue, which it cannot see, either:
         // only a thread that had to be woken for the call is known to run it later.
-        "race:invokeMethod\n"
-        // The way in which QProcess starts a program makes it lose sight of that thread, even of its end.
-        "race:Blessing::SMJobBless\n";
+        "race:invokeMethod\n";
 }
 }
 // NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
