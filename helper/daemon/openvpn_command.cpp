@@ -2,50 +2,10 @@
 #include "openvpn_command.h"
 
 #include "descriptor.h"
+#include "pushed_options.h"
 
 #include <netinet/in.h>
 #include <sys/socket.h>
-
-namespace {
-
-/// What a pushed option must begin with. OpenVPN compares text: without the blank at its end, a name would accept every
-/// longer name too. Names without a blank are options that may stand without a value.
-constexpr const char *accepted[] = {
-    "route ",
-    "route-ipv6 ",
-    "route-gateway ",
-    "route-metric ",
-    "redirect-gateway",
-    "redirect-private",
-    "block-ipv6",
-    "ifconfig ",
-    "ifconfig-ipv6 ",
-    "topology ",
-    "dhcp-option DNS ",
-    "dhcp-option DNS6 ",
-    "dhcp-option DOMAIN ",
-    "dhcp-option DOMAIN-SEARCH ",
-    "dns server ",
-    "dns search-domains ",
-    "ping ",
-    "ping-restart ",
-    "ping-exit ",
-    "inactive ",
-    "session-timeout ",
-    "explicit-exit-notify",
-    "peer-id ",
-    "cipher ",
-    "protocol-flags ",
-    "key-derivation ",
-    "auth-token ",
-    "auth-token-user ",
-    "tun-mtu ",
-    "sndbuf ",
-    "rcvbuf ",
-    "push-continuation ",
-};
-
-} // namespace
 
 QList<QByteArray> openvpnCommand(const HelperPaths &paths)
 {
@@ -61,13 +21,7 @@ QList<QByteArray> openvpnCommand(const HelperPaths &paths)
         // OpenVPN insists on a folder that it may write to, and /tmp need not be one.
         "--tmp-dir", paths.runFolder, "--script-security", "2", "--up", paths.clientUp, "--down", paths.clientDown,
         "--management", "127.0.0.1", QByteArray::number(managementPort), "--management-query-passwords"};
-    for (const char *beginning : accepted)
-        command << "--pull-filter"
-                << "accept" << beginning;
-    command << "--pull-filter"
-            << "ignore"
-            << "";
-    return command;
+    return command + pushedOptionFilters();
 }
 
 bool managementPortIsFree()

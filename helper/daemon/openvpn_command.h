@@ -5,7 +5,7 @@
 
 #include <QList>
 
-/// OpenVPN's command line, the same for every tunnel. OpenVPN accepts a pushed option only when it is listed there.
+/// OpenVPN's command line, the same for every tunnel.
 QList<QByteArray> openvpnCommand(const HelperPaths &paths);
 
 constexpr quint16 managementPort = 1337; ///< on 127.0.0.1
