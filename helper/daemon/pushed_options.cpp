@@ -48,7 +48,7 @@ QList<QByteArray> pushedOptionFilters()
     for (const char *beginning : accepted)
         filters << "--pull-filter"
                 << "accept" << beginning;
-    // Whatever has not been accepted begins with nothing.
+    // Every option begins with the empty text: this refuses all that were not accepted above.
     return filters << "--pull-filter"
                    << "ignore"
                    << "";

@@ -71,7 +71,7 @@ protected:
 
 } // namespace
 
-TEST_F(FormTest, APointerIsAHandWhereAClickDoesSomethingAndTheLabelsSetsTheCheckBoxWhileItIsEnabled)
+TEST_F(FormTest, ThePointerIsAHandWhereAClickDoesSomethingAndTheLabelSetsTheCheckBoxWhileItIsEnabled)
 {
     EXPECT_EQ(look(), stopped);
     for (const auto *const button : form().findChildren<QAbstractButton *>())
