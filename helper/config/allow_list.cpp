@@ -34,10 +34,7 @@ constexpr Rule rules[] = {
     {"remote-random", ""},
     {"remote-random-hostname", ""},
     {"resolv-retry", "infinite|$number"},
-    {"connect-retry", "$number [$number]", both},
     {"connect-retry-max", "$number", both},
-    {"connect-timeout", "$number", both},
-    {"server-poll-timeout", "$number", both},
     {"http-proxy", "$host $port", both},
     {"socks-proxy", "$host [$port]", both},
     {"explicit-exit-notify", "[$number]", both},
@@ -118,7 +115,6 @@ constexpr Rule rules[] = {
 
     // The rest
     {"persist-key", ""},
-    {"persist-tun", ""},
     {"verb", "0..4"}, // above, keys and packets are in the log
     {"mute", "$number"},
     {"setenv", "CLIENT_CERT 0|1"},
@@ -128,10 +124,13 @@ constexpr Rule rules[] = {
     {"setenv", "$uv [$text]"},
 };
 
-// With `auth-nocache` OpenVPN would ask for the password again at every renegotiation, and nobody would answer.
+// With `auth-nocache` OpenVPN would ask for the password again at every renegotiation, and nobody would answer. How
+// long it waits for a server and where it finds one again is for the helper to say.
 constexpr QByteArrayView dropped[] = {
     "auth-nocache",
     "block-outside-dns",
+    "connect-retry",
+    "connect-timeout",
     "fast-io",
     "group",
     "http-proxy-retry",
@@ -139,11 +138,15 @@ constexpr QByteArrayView dropped[] = {
     "max-routes",
     "mlock",
     "nice",
+    "persist-remote-ip",
+    "persist-tun",
+    "preresolve",
     "ignore-unknown-option",
     "http-proxy-timeout",
     "register-dns",
     "route-method",
     "script-security",
+    "server-poll-timeout",
     "socks-proxy-retry",
     "tap-sleep",
     "tcp-nodelay",

@@ -12,7 +12,12 @@ QList<QByteArray> openvpnCommand(const HelperPaths &paths)
     QList<QByteArray> command{
         paths.openvpn,
         // Before the file, because OpenVPN's complaints about the file would go nowhere otherwise.
-        "--syslog", "corvale-openvpn", "--config", paths.configuration(),
+        "--syslog", "corvale-openvpn",
+        // Before the file, because its connection blocks begin with what was said before them. A network that is back
+        // should not wait for a long pause to end. The file may say neither.
+        "--connect-retry", "1", "2", "--server-poll-timeout", "10", "--config", paths.configuration(),
+        // Its routes keep everything inside the tunnel while it connects again.
+        "--persist-tun",
         // From level 3 on OpenVPN logs its commands and the pushed options, and hides only those passwords and tokens
         // that it recognises.
         "--verb", "2",

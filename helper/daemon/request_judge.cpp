@@ -3,6 +3,7 @@
 
 #include "configuration_reader.h"
 #include "configuration_writer.h"
+#include "remote_addresses.h"
 #include "system_log.h"
 
 #include <QFile>
@@ -63,7 +64,7 @@ Result<QByteArray> judged(const std::vector<CallerFiles::File> &files, const Hel
     if (const auto down = judgeScript(files[2], paths.clientDown); !down)
         return tl::make_unexpected(down.error());
     logDropped(configuration->dropped);
-    return canonicalConfiguration(configuration->directives);
+    return RemoteAddresses::lineFor(configuration->directives) + canonicalConfiguration(configuration->directives);
 }
 
 } // namespace

@@ -4,6 +4,7 @@
 #include "openvpn_command.h"
 #include "placed_file.h"
 #include "process_record.h"
+#include "remote_addresses.h"
 
 #include <QDir>
 #include <QFile>
@@ -69,6 +70,7 @@ void Tunnel::run(uid_t uid, const QByteArray &configuration, Handler handler)
         handler(failure("The configuration cannot be stored.", ErrorCode::Internal));
         return;
     }
+    staysWithRemote_ = configuration.startsWith(RemoteAddresses::sameServer);
     retry_.stop(); // client.up begins by restoring, too
     owner_ = uid;
     waiting_.push_back(std::move(handler));
@@ -78,8 +80,10 @@ void Tunnel::run(uid_t uid, const QByteArray &configuration, Handler handler)
         return;
     }
     ++unread_;
-    if (phase_ == Phase::Running)
+    if (phase_ == Phase::Running) {
+        recover();
         reload();
+    }
 }
 
 /// Most clients that asked have quit since. Their number must not grow for as long as a tunnel lives.
@@ -112,8 +116,17 @@ void Tunnel::start()
     process_.reset(started->release());
     phase_ = Phase::Running;
     connect(process_.get(), &ChildProcess::ended, this, &Tunnel::openvpnEnded);
+    recover();
     // Without the note OpenVPN still dies with the helper: the kernel sees to it.
     ProcessRecord::write(paths_.processRecord(), process_->pid());
+}
+
+/// From now on the tunnel comes back by itself after a change of network or a sleep.
+void Tunnel::recover()
+{
+    recovery_ = std::make_unique<Recovery>(paths_.clientUp, staysWithRemote_);
+    connect(recovery_.get(), &Recovery::restartNeeded, this, [this] { process_->signal(SIGUSR1); });
+    connect(recovery_.get(), &Recovery::reloadNeeded, this, &Tunnel::reload);
 }
 
 /// Has OpenVPN read its file again, as soon as it has read the present one: SIGHUP would kill an OpenVPN that has not
@@ -152,6 +165,7 @@ void Tunnel::openvpnEnded(int status)
     reloading_.stop();
     status_ = status;
     watch_.reset();
+    recovery_.reset();
     restore();
 }
 
@@ -241,6 +255,7 @@ void Tunnel::stop(std::function<void()> done)
     phase_ = Phase::Stopping;
     // A file that OpenVPN reads from now on serves no request: it is for the next OpenVPN.
     watch_.reset();
+    recovery_.reset();
     process_->signal(SIGTERM);
     end_.start();
 }

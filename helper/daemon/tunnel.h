@@ -5,6 +5,7 @@
 #include "deferred.h"
 #include "helper_paths.h"
 #include "read_watch.h"
+#include "recovery.h"
 #include "result.h"
 
 #include <QTimer>
@@ -53,6 +54,7 @@ private:
 
     void dropOldest();
     void start();
+    void recover();
     void reload();
     void configurationWasRead();
     void openvpnEnded(int status);
@@ -69,6 +71,7 @@ private:
     std::optional<uid_t> owner_;
     Deferred<ChildProcess> process_; ///< OpenVPN, or the script that restores
     std::unique_ptr<ReadWatch> watch_;
+    std::unique_ptr<Recovery> recovery_;
     const Timeouts timeouts_;
     QTimer end_;                 ///< runs while a process that was asked to end has not
     QTimer reloading_;           ///< runs from the request to read the file again until it is read
@@ -77,6 +80,7 @@ private:
 
     std::vector<Handler> waiting_; ///< in the order of the requests
     size_t unread_ = 0;            ///< how many of the last ones wait for their file to be read
+    bool staysWithRemote_ = false; ///< says the newest file
     bool wasRead_ = false;         ///< this OpenVPN has read a file
     bool reloadWhenRead_ = false;  ///< the file was replaced while OpenVPN had yet to read one
     std::vector<std::function<void()>> stops_;

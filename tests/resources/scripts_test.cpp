@@ -18,7 +18,7 @@ namespace {
 /// /etc and /run are the test's, neither systemd-resolved nor resolvconf is there, and the umask is OpenVPN's.
 const QByteArray preparation = R"sh(
     set -eu; umask 077; mount --make-rprivate /; mount -t tmpfs none /run; mkdir /run/corvale
-    mkdir -p etc; mount -t tmpfs none etc; [ ! -d /etc/iproute2 ] || cp -r /etc/iproute2 etc
+    mkdir -p etc; mount -t tmpfs none etc; cp -a /etc/alternatives etc; [ ! -d /etc/iproute2 ] || cp -r /etc/iproute2 etc
     mount --bind etc /etc; : >/etc/resolv.conf; mount --bind resolv.conf /etc/resolv.conf
     for tool in /usr/sbin/resolvconf /usr/bin/resolvconf /usr/sbin/resolvectl /usr/bin/resolvectl; do
         [ ! -e $tool ] || mount --bind /dev/null $tool
@@ -56,7 +56,7 @@ protected:
     /// Runs `commands`, in which UP and DOWN are the scripts; each must succeed.
     void inside(const QByteArray &commands) const
     {
-        write("commands", "UP() { " CLIENT_UP "; }; DOWN() { " CLIENT_DOWN "; }; cd " + folder.path().toUtf8() +
+        write("commands", "UP() { " CLIENT_UP " \"$@\"; }; DOWN() { " CLIENT_DOWN "; }; cd " + folder.path().toUtf8() +
                               preparation + commands + '\n');
         EXPECT_EQ(QProcess::execute(u"unshare"_s, {u"-mn"_s, u"sh"_s, path("commands")}), 0) << commands.constData();
     }
@@ -244,4 +244,63 @@ TEST_F(ScriptsTest, ofTheRoutesThatAKilledOpenVPNLeavesItsOwnAreTakenBackAndNoOt
         EXPECT_EQ(read("after"), row.after) << row.environment.constData();
         EXPECT_EQ(read("evaluated"), "(none)");
     }
+}
+
+TEST_F(ScriptsTest, fromNetworkToNetworkTheServerIsReachedAroundTheTunnelAndNothingElseIs)
+{
+    struct Row {
+        const char *meanwhile;
+        const char *seen; ///< what client.up ends with, and how a packet to the server goes then
+    };
+    const Row rows[] = {
+        {"ip -6 route get 2001:db8::1", "0 via 198.51.100.1 dev wan src 198.51.100.2"},
+        {"! ip -6 route get 2001:db8::1 2>said; ip -6 route get fd01::9; ip link add br0 type bridge; ip address add "
+         "172.17.0.1/16 dev br0; ip link set br0 up",
+         "0 via 198.51.100.1 dev wan src 198.51.100.2"},
+        {"ip link set wan down; plug wan; ip route add default via 198.51.100.1",
+         "3 via 198.51.100.1 dev wan src 198.51.100.2"},
+        {"ip address del 198.51.100.2/24 dev wan; ip address add 198.51.100.3/24 dev wan; "
+         "ip route add default via 198.51.100.1",
+         "3 via 198.51.100.1 dev wan src 198.51.100.3"},
+        {"ip link set wan down", "4 via 10.8.0.1 dev tun0 src 10.8.0.2"},
+        {":", "4 via 10.8.0.1 dev tun0 src 10.8.0.2"},
+        {"network cafe 192.0.2; ip route add default via 192.0.9.1 onlink dev cafe; echo nameserver 192.0.2.1 "
+         ">/etc/resolv.conf",
+         "3 via 192.0.9.1 dev cafe src 192.0.2.2"},
+        // A better one beside it, and one that is worse.
+        {"network lan 192.168.1; ip route del default; ip route add default via 192.0.2.1 metric 600; "
+         "ip route add default via 192.168.1.1 metric 100",
+         "3 via 192.168.1.1 dev lan src 192.168.1.2"},
+        {"plug wan; ip route add default via 198.51.100.1 metric 700", "0 via 192.168.1.1 dev lan src 192.168.1.2"},
+        {"ip route add unreachable 203.0.113.0/24; ip route add 203.0.113.16/28 via 192.0.2.1",
+         "3 via 192.0.2.1 dev cafe src 192.0.2.2"},
+        {"ip route del 203.0.113.16/28; network near 203.0.113 21", "3 dev near src 203.0.113.21"},
+    };
+    QByteArray commands = R"sh(
+        plug() { ip link set "$1" up; until ip link show "$1" | grep -q LOWER_UP; do sleep 0.01; done; }
+        network() {
+            ip link add "$1" type veth peer "far-$1"
+            ip link set "far-$1" addrgenmode none up; ip link set "$1" addrgenmode none; plug "$1"
+            ip address add "$2.${3:-2}/24" dev "$1"
+        }
+        ip link set lo up; network wan 198.51.100; network tun0 10.8.0
+        ip address add fd01::2/64 dev wan nodad; ip route add default via 198.51.100.1
+        ip -6 route add default via fd01::1
+        up trusted_ip=203.0.113.20 route_net_gateway=198.51.100.1
+        add 203.0.113.20 via 198.51.100.1; add 0.0.0.0/1 via 10.8.0.1; add 128.0.0.0/1 via 10.8.0.1
+        look() {
+            status=0; UP again "$1" || status=$?
+            echo "$status $(ip route get "$1" | grep -Eo '(via|dev|src) [^ ]+' | paste -sd ' ')" >>seen
+        }
+    )sh";
+    QByteArray expected;
+    for (const Row &row : rows) {
+        commands += QByteArray(row.meanwhile) + "\nlook 203.0.113.20\n";
+        expected += row.seen + QByteArray("\n");
+    }
+    inside(commands + "cat /etc/resolv.conf >during; DOWN; isClean; cat /etc/resolv.conf >servers\n"
+                      "! all | grep -e 203.0.113.20 -e '^unreachable [^2]*:' -e unreachable.2000:");
+    EXPECT_EQ(read("seen"), expected);
+    EXPECT_EQ(read("during"), MARK "nameserver 10.8.0.1\n");
+    EXPECT_EQ(read("servers"), "nameserver 192.0.2.1\n");
 }
