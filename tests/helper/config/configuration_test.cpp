@@ -2,6 +2,7 @@
 #include "configuration_reader.h"
 #include "configuration_writer.h"
 #include "files.h"
+#include "remote_addresses.h"
 
 #include <QProcess>
 #include <QTemporaryDir>
@@ -186,8 +187,9 @@ TEST(OddConfiguration, IsRewrittenWithTheSameMeaning)
 TEST(Profiles, AreReadByOpenVPNAsAreTheirCanonicalTexts)
 {
     // Without those that the helper drops.
-    const QString settings = u"sed -n '/^Current Parameter Settings:/,$p' | grep -E '^(  |Connection profiles)' | "
-                             "grep -vE '^ +(config|fast_io|username|groupname) '"_s;
+    const QString settings =
+        u"sed -n '/^Current Parameter Settings:/,$p' | grep -E '^(  |Connection profiles)' | "
+        "grep -vE '^ +(config|fast_io|username|groupname|connect_retry_seconds|connect_timeout|persist_tun) '"_s;
     const QTemporaryDir folder;
     const QDir profiles(QStringLiteral(CORVALE_PROFILES));
     ASSERT_FALSE(profiles.isEmpty());
@@ -204,6 +206,20 @@ TEST(Profiles, AreReadByOpenVPNAsAreTheirCanonicalTexts)
         const std::string expected = readByOpenVPN(profiles.filePath(name), settings);
         ASSERT_GT(std::ranges::count(expected, '\n'), 100);
         EXPECT_EQ(readByOpenVPN(folder.filePath(name), settings), expected);
+    }
+}
+
+TEST(RemoteAddresses, AreLookedUpBeforehandUnlessOneNameCouldKeepOpenVPNFromTheOthers)
+{
+    const std::pair<const char *, bool> rows[] = {
+        {"remote a.example 1194 udp\nremote a.example 443 tcp\n", true},
+        {"remote 192.0.2.1\n<connection>\nremote 2001:db8::1\n</connection>\n", true},
+        {"remote a.example\n<connection>\nremote b.example\n</connection>\n", false},
+        {"remote 192.0.2.1\nhttp-proxy b.example 80\n", false},
+    };
+    for (const auto &[text, beforehand] : rows) {
+        const QByteArray expected = beforehand ? "preresolve\n" : RemoteAddresses::sameServer;
+        EXPECT_EQ(RemoteAddresses::lineFor(readConfiguration(text)->directives), expected) << text;
     }
 }
 
