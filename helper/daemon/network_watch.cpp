@@ -29,6 +29,24 @@ Descriptor listenToKernel()
     return events;
 }
 
+/// Whether some message tells of more than what a radio has scanned, which it does every few seconds.
+bool isMoreThanRadio(const char *messages, size_t size)
+{
+    const auto *header = reinterpret_cast<const nlmsghdr *>(messages);
+    for (; NLMSG_OK(header, size); header = NLMSG_NEXT(header, size)) {
+        if (header->nlmsg_type != RTM_NEWLINK)
+            return true;
+        const auto *link = static_cast<const ifinfomsg *>(NLMSG_DATA(header));
+        const rtattr *attribute = IFLA_RTA(link);
+        auto left = IFLA_PAYLOAD(header);
+        while (RTA_OK(attribute, left) && attribute->rta_type != IFLA_WIRELESS)
+            attribute = RTA_NEXT(attribute, left);
+        if (!RTA_OK(attribute, left))
+            return true;
+    }
+    return false;
+}
+
 } // namespace
 
 NetworkWatch::NetworkWatch() : events_(listenToKernel())
@@ -51,13 +69,17 @@ NetworkWatch::NetworkWatch() : events_(listenToKernel())
                                          SLOT(sleepChanged(bool)));
 }
 
-/// What the messages say does not matter, nor that the kernel has dropped some (ENOBUFS): whoever is told looks.
 void NetworkWatch::take()
 {
-    constexpr size_t size = 8192;
-    char buffer[size];
-    while (::recv(events_.get(), buffer, size, 0) >= 0 || errno == ENOBUFS || errno == EINTR) {
-    }
+    constexpr size_t size = 16384;
+    alignas(nlmsghdr) char buffer[size];
+    bool matters = false;
+    ssize_t got = 0;
+    // What the kernel had no room for (ENOBUFS) may matter.
+    while ((got = ::recv(events_.get(), buffer, size, 0)) >= 0 || errno == ENOBUFS || errno == EINTR)
+        matters = got < 0 || isMoreThanRadio(buffer, static_cast<size_t>(got)) || matters;
+    if (!matters)
+        return;
     quiet_.start();
     later_.start();
     if (!limit_.isActive())
