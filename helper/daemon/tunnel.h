@@ -3,6 +3,7 @@
 
 #include "child_process.h"
 #include "deferred.h"
+#include "gate_process.h"
 #include "helper_paths.h"
 #include "read_watch.h"
 #include "result.h"
@@ -55,10 +56,13 @@ private:
     void start();
     void reload();
     void configurationWasRead();
+    void endOpenVPN();
     void openvpnEnded(int status);
+    void gateEnded();
     [[nodiscard]] bool isLeft() const;
     void restore();
     void restored();
+    void complete();
     void answerServed();
     void fail(const Error &error);
     void becomeIdle();
@@ -68,6 +72,7 @@ private:
     Phase phase_ = Phase::Idle;
     std::optional<uid_t> owner_;
     Deferred<ChildProcess> process_; ///< OpenVPN, or the script that restores
+    Deferred<GateProcess> gate_;     ///< from before OpenVPN's start until after its end
     std::unique_ptr<ReadWatch> watch_;
     const Timeouts timeouts_;
     QTimer end_;                 ///< runs while a process that was asked to end has not
