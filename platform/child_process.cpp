@@ -15,7 +15,7 @@
 
 namespace {
 
-constexpr int failureDescriptor = 3;
+constexpr int firstGiven = 3;
 
 // Below, what runs in the child until it is another program: only calls that are safe after a fork of a process with
 // threads.
@@ -31,10 +31,15 @@ void resetSignals()
     ::sigprocmask(SIG_SETMASK, &none, nullptr);
 }
 
-bool replaceDescriptors(int failure)
+/// Leaves the standard descriptors, then the given ones, then `failure`, and nothing else. Each number in `given` is
+/// overwritten.
+bool replaceDescriptors(std::vector<int> &given, int &failure)
 {
-    // Above every number that is taken below, so that neither overwrites the other.
-    const int kept = ::fcntl(failure, F_DUPFD_CLOEXEC, failureDescriptor + 1);
+    const int last = firstGiven + static_cast<int>(given.size());
+    // Above every number that is taken below, so that none overwrites another.
+    for (int &each : given)
+        each = ::fcntl(each, F_DUPFD_CLOEXEC, last + 1);
+    const int kept = ::fcntl(failure, F_DUPFD_CLOEXEC, last + 1);
     const int nothing = ::open("/dev/null", O_RDWR | O_CLOEXEC);
     if (kept < 0 || nothing < 0)
         return false;
@@ -43,20 +48,25 @@ bool replaceDescriptors(int failure)
         if (nothing == standard ? ::fcntl(standard, F_SETFD, 0) < 0 : ::dup2(nothing, standard) < 0)
             return false;
     }
-    return ::dup3(kept, failureDescriptor, O_CLOEXEC) >= 0 && ::close_range(failureDescriptor + 1, ~0U, 0) == 0;
+    if (::dup3(kept, last, O_CLOEXEC) < 0)
+        return false;
+    failure = last;
+    for (int next = firstGiven; next < last; ++next)
+        if (::dup2(given[static_cast<size_t>(next - firstGiven)], next) < 0)
+            return false;
+    return ::close_range(static_cast<unsigned>(last) + 1, ~0U, 0) == 0;
 }
 
-[[noreturn]] void childMain(char *const *arguments, char *const *environment, pid_t parent, int failure)
+[[noreturn]] void childMain(char *const *arguments, char *const *environment, pid_t parent, std::vector<int> &given,
+                            int failure)
 {
     resetSignals();
     ::umask(S_IRWXG | S_IRWXO);
     // To end with the helper, and in good order: killed, OpenVPN would leave its routes behind. The parent may have
     // died before the request was made.
     if (::prctl(PR_SET_PDEATHSIG, SIGTERM) == 0 && ::getppid() == parent && ::setsid() > 0 && ::chdir("/") == 0 &&
-        replaceDescriptors(failure)) {
-        failure = failureDescriptor;
+        replaceDescriptors(given, failure))
         ::execve(arguments[0], arguments, environment);
-    }
     const int error = errno;
     const ssize_t told = ::write(failure, &error, sizeof error);
     ::_exit(told == sizeof error ? 126 : 127);
@@ -66,7 +76,7 @@ bool replaceDescriptors(int failure)
 
 } // namespace
 
-Result<std::unique_ptr<ChildProcess>> ChildProcess::start(const QList<QByteArray> &command)
+Result<std::unique_ptr<ChildProcess>> ChildProcess::start(const QList<QByteArray> &command, std::vector<int> given)
 {
     // Only read by execve, whose type says otherwise for the sake of old C.
     std::vector<char *> arguments;
@@ -85,7 +95,7 @@ Result<std::unique_ptr<ChildProcess>> ChildProcess::start(const QList<QByteArray
     const pid_t parent = ::getpid();
     const pid_t child = ::fork();
     if (child == 0)
-        childMain(arguments.data(), environment, parent, failing.get());
+        childMain(arguments.data(), environment, parent, given, failing.get());
     if (child < 0)
         return systemFailure(errno);
     failing.close();

@@ -10,15 +10,18 @@
 
 #include <memory>
 #include <sys/types.h>
+#include <vector>
 
 /// A program of the system's own, run as root with nothing inherited: the environment is PATH and LC_ALL, the standard
-/// descriptors are /dev/null, there are no others, signals are as the kernel's defaults, files are made for root alone,
-/// the session is its own. It dies with the helper. Main thread: the kernel ties its death to the thread that forks.
+/// descriptors are /dev/null, there are no others but those it is given, signals are as the kernel's defaults, files
+/// are made for root alone, the session is its own. It dies with the helper. Main thread: the kernel ties its death to
+/// the thread that forks.
 class ChildProcess : public QObject {
     Q_OBJECT
 public:
     /// Runs `command`, whose first word is a path. Fails, with the system's reason, when it cannot be executed.
-    static Result<std::unique_ptr<ChildProcess>> start(const QList<QByteArray> &command);
+    /// The program gets the descriptors `given` as 3, 4, …; they stay the caller's.
+    static Result<std::unique_ptr<ChildProcess>> start(const QList<QByteArray> &command, std::vector<int> given = {});
     ~ChildProcess() override;
 
     [[nodiscard]] pid_t pid() const { return pid_; }

@@ -13,6 +13,7 @@ struct HelperPaths {
 
     [[nodiscard]] QByteArray configuration() const { return runFolder + "/" + configurationName; }
     [[nodiscard]] QByteArray processRecord() const { return runFolder + "/openvpn.process"; }
-    [[nodiscard]] QByteArray dnsNote() const { return runFolder + "/dns"; } ///< client.up's
+    [[nodiscard]] QByteArray management() const { return runFolder + "/management"; } ///< OpenVPN's socket
+    [[nodiscard]] QByteArray dnsNote() const { return runFolder + "/dns"; }           ///< client.up's
     static constexpr char configurationName[] = "openvpn.conf";
 };

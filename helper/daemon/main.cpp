@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+#include "gate_main.h"
 #include "helper_program.h"
 
 #include <cstdio>
@@ -17,6 +18,8 @@ int main(int argc, char *argv[])
         (void)std::fputs("The helper must be run by root; the system bus starts it when it is needed.\n", stderr);
         return EXIT_FAILURE;
     }
+    if (isGate(argc, argv))
+        return gateMain(argc, argv);
     ::prctl(PR_SET_DUMPABLE, 0); // keys pass through its memory
     return helperMain(argc, argv,
                       {"/usr/sbin/openvpn", "/usr/libexec/corvale/client.up", "/usr/libexec/corvale/client.down",

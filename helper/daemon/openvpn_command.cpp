@@ -1,11 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "openvpn_command.h"
 
-#include "descriptor.h"
 #include "pushed_options.h"
-
-#include <netinet/in.h>
-#include <sys/socket.h>
 
 QList<QByteArray> openvpnCommand(const HelperPaths &paths)
 {
@@ -25,19 +21,6 @@ QList<QByteArray> openvpnCommand(const HelperPaths &paths)
         "--client",
         // OpenVPN insists on a folder that it may write to, and /tmp need not be one.
         "--tmp-dir", paths.runFolder, "--script-security", "2", "--up", paths.clientUp, "--down", paths.clientDown,
-        "--management", "127.0.0.1", QByteArray::number(managementPort), "--management-query-passwords"};
+        "--management", paths.management(), "unix", "--management-client-user", "root", "--management-query-passwords"};
     return command + pushedOptionFilters();
-}
-
-bool managementPortIsFree()
-{
-    const Descriptor probe(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    // As OpenVPN does: old connections that the kernel has yet to forget are no obstacle.
-    const int on = 1;
-    ::setsockopt(probe.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(managementPort);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return ::bind(probe.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
 }

@@ -23,8 +23,6 @@ namespace {
 constexpr size_t maxWaiting = 16;
 constexpr auto reloadInterval = 100ms;
 
-const Error portBusy{ErrorCode::PortBusy, "Another program uses port 1337 on 127.0.0.1."};
-
 /// Makes the folder with mode 0700 if it is missing. False unless it is then a real folder of this user's own with that
 /// mode.
 bool makeFolder(const QByteArray &path)
@@ -62,10 +60,6 @@ void Tunnel::begin()
 void Tunnel::run(uid_t uid, const QByteArray &configuration, Handler handler)
 {
     const bool idle = phase_ == Phase::Idle;
-    if (idle && !managementPortIsFree()) {
-        handler(tl::make_unexpected(portBusy));
-        return;
-    }
     if (!makeFolder(paths_.runFolder) || !PlacedFile::write(paths_.configuration(), configuration, 0600)) {
         handler(failure("The configuration cannot be stored.", ErrorCode::Internal));
         return;
@@ -102,10 +96,13 @@ void Tunnel::start()
     unread_ = 0;
     wasRead_ = false;
     reloadWhenRead_ = false;
-    if (!managementPortIsFree()) {
-        fail(portBusy);
+    auto gate = GateProcess::start(*owner_, paths_.management());
+    if (!gate) {
+        fail(gate.error());
         return;
     }
+    gate_.reset(gate->release());
+    connect(gate_.get(), &GateProcess::ended, this, &Tunnel::gateEnded);
     watch_ = std::make_unique<ReadWatch>(paths_.runFolder, HelperPaths::configurationName);
     connect(watch_.get(), &ReadWatch::wasRead, this, &Tunnel::configurationWasRead);
     auto started = ChildProcess::start(openvpnCommand(paths_));
@@ -124,9 +121,17 @@ void Tunnel::start()
 /// From now on the tunnel comes back by itself after a change of network or a sleep.
 void Tunnel::recover()
 {
-    recovery_ = std::make_unique<Recovery>(paths_.clientUp, staysWithRemote_);
-    connect(recovery_.get(), &Recovery::restartNeeded, this, [this] { process_->signal(SIGUSR1); });
-    connect(recovery_.get(), &Recovery::reloadNeeded, this, &Tunnel::reload);
+    recovery_.reset(new Recovery(paths_.clientUp, staysWithRemote_));
+    connect(gate_.get(), &GateProcess::stateChanged, recovery_.get(), &Recovery::stateChanged);
+    connect(gate_.get(), &GateProcess::remoteChanged, recovery_.get(), &Recovery::remoteChanged);
+    connect(recovery_.get(), &Recovery::restartNeeded, this, [this] {
+        if (phase_ == Phase::Running)
+            process_->signal(SIGUSR1);
+    });
+    connect(recovery_.get(), &Recovery::reloadNeeded, this, [this] {
+        if (phase_ == Phase::Running)
+            reload();
+    });
 }
 
 /// Has OpenVPN read its file again, as soon as it has read the present one: SIGHUP would kill an OpenVPN that has not
@@ -135,9 +140,7 @@ void Tunnel::reload()
 {
     if (!watch_->isWatching()) {
         // The kernel has no watches left, so nobody would learn what OpenVPN has read. A fresh one replaces it.
-        phase_ = Phase::Stopping;
-        process_->signal(SIGTERM);
-        end_.start();
+        endOpenVPN();
         return;
     }
     if (!wasRead_ || reloading_.isActive()) {
@@ -159,8 +162,22 @@ void Tunnel::configurationWasRead()
         unread_ = 0;
 }
 
+void Tunnel::endOpenVPN()
+{
+    phase_ = Phase::Stopping;
+    reloading_.stop();
+    reloadWhenRead_ = false;
+    // A file that OpenVPN reads from now on serves no request: it is for the next OpenVPN.
+    watch_.reset();
+    recovery_.reset();
+    process_->signal(SIGTERM);
+    end_.start();
+}
+
 void Tunnel::openvpnEnded(int status)
 {
+    if (gate_)
+        gate_->finish();
     end_.stop();
     reloading_.stop();
     status_ = status;
@@ -195,6 +212,24 @@ void Tunnel::restored()
     end_.stop();
     process_.reset();
     QFile::remove(QFile::decodeName(paths_.processRecord()));
+    QFile::remove(QFile::decodeName(paths_.management())); // a killed OpenVPN leaves its socket
+    if (!gate_)
+        complete();
+}
+
+/// A tunnel without its gate could neither be watched nor ended by its client.
+void Tunnel::gateEnded()
+{
+    gate_.reset();
+    if (phase_ == Phase::Running)
+        endOpenVPN();
+    else if (phase_ == Phase::Restoring && !process_)
+        complete();
+}
+
+/// The script has run, the gate has ended, and the port is free.
+void Tunnel::complete()
+{
     // Whoever gets an answer finds everything cleaned up.
     if (unread_ == 0)
         becomeIdle();
@@ -217,6 +252,9 @@ void Tunnel::answerServed()
 void Tunnel::fail(const Error &error)
 {
     process_.reset();
+    if (gate_)
+        gate_->disconnect(this); // it is killed now, which is no news
+    gate_.reset();
     watch_.reset();
     becomeIdle();
     for (const Handler &handler : std::exchange(waiting_, {}))
@@ -248,14 +286,6 @@ void Tunnel::stop(std::function<void()> done)
     stops_.push_back(std::move(done));
     // Requests that wait for a fresh OpenVPN get this one's end.
     unread_ = 0;
-    reloadWhenRead_ = false;
-    reloading_.stop();
-    if (phase_ != Phase::Running)
-        return;
-    phase_ = Phase::Stopping;
-    // A file that OpenVPN reads from now on serves no request: it is for the next OpenVPN.
-    watch_.reset();
-    recovery_.reset();
-    process_->signal(SIGTERM);
-    end_.start();
+    if (phase_ == Phase::Running)
+        endOpenVPN();
 }

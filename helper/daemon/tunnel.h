@@ -3,6 +3,7 @@
 
 #include "child_process.h"
 #include "deferred.h"
+#include "gate_process.h"
 #include "helper_paths.h"
 #include "read_watch.h"
 #include "recovery.h"
@@ -57,10 +58,13 @@ private:
     void recover();
     void reload();
     void configurationWasRead();
+    void endOpenVPN();
     void openvpnEnded(int status);
+    void gateEnded();
     [[nodiscard]] bool isLeft() const;
     void restore();
     void restored();
+    void complete();
     void answerServed();
     void fail(const Error &error);
     void becomeIdle();
@@ -70,8 +74,9 @@ private:
     Phase phase_ = Phase::Idle;
     std::optional<uid_t> owner_;
     Deferred<ChildProcess> process_; ///< OpenVPN, or the script that restores
+    Deferred<GateProcess> gate_;     ///< from before OpenVPN's start until after its end
     std::unique_ptr<ReadWatch> watch_;
-    std::unique_ptr<Recovery> recovery_;
+    Deferred<Recovery> recovery_;
     const Timeouts timeouts_;
     QTimer end_;                 ///< runs while a process that was asked to end has not
     QTimer reloading_;           ///< runs from the request to read the file again until it is read

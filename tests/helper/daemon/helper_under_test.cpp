@@ -2,6 +2,7 @@
 // The helper with the folder and timeouts (milliseconds) of its command line in the place of the system's. One word
 // more makes something go wrong: "unwatched", the kernel has no watches for it; "halves", its reading child breaks off.
 
+#include "gate_main.h"
 #include "helper_program.h"
 
 #include <cerrno>
@@ -38,6 +39,8 @@ ssize_t write(int descriptor, const void *bytes, size_t size)
 
 int main(int argc, char *argv[])
 {
+    if (isGate(argc, argv))
+        return gateMain(argc, argv);
     if (argc < 4)
         return EXIT_FAILURE;
     if (argc > 4)

@@ -8,6 +8,7 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <utility>
 
 using namespace Qt::StringLiterals;
 
@@ -37,6 +38,17 @@ std::optional<quint16> portOf(int descriptor, decltype(::getsockname) *which)
     return ntohs(address.sin_port);
 }
 
+/// The ends of the connection, if it is one on 127.0.0.1, and the kernel's table.
+std::pair<std::optional<LocalPeer::Ports>, QByteArray> looked(int descriptor)
+{
+    const auto ours = portOf(descriptor, ::getsockname);
+    const auto peers = portOf(descriptor, ::getpeername);
+    QFile table(u"/proc/net/tcp"_s);
+    if (!ours || !peers || !table.open(QIODevice::ReadOnly))
+        return {};
+    return {LocalPeer::Ports{*ours, *peers}, table.readAll()};
+}
+
 } // namespace
 
 std::optional<uid_t> LocalPeer::ownerIn(QByteArrayView table, Ports ports)
@@ -62,13 +74,32 @@ std::optional<uid_t> LocalPeer::ownerIn(QByteArrayView table, Ports ports)
     return std::nullopt;
 }
 
+std::optional<uid_t> LocalPeer::holderIn(QByteArrayView table, Ports ports)
+{
+    const QByteArray established =
+        ' ' + written(htonl(INADDR_LOOPBACK), ports.peers) + ' ' + written(htonl(INADDR_LOOPBACK), ports.ours) + " 01 ";
+    // There may be thousands of rows, and whoever makes them must not make the search slow.
+    const qsizetype found = table.indexOf(established);
+    if (found < 0)
+        return std::nullopt;
+    const QByteArrayView rest = table.sliced(found);
+    const qsizetype end = rest.indexOf('\n');
+    const QList<QByteArray> words = (end < 0 ? rest : rest.first(end)).toByteArray().simplified().split(' ');
+    constexpr qsizetype left = 1; // the column that the row began with
+    if (words.size() <= inodeColumn - left || words[inodeColumn - left] == "0")
+        return std::nullopt;
+    return words[userColumn - left].toUInt();
+}
+
 bool LocalPeer::isTrusted(int descriptor)
 {
-    const auto ours = portOf(descriptor, ::getsockname);
-    const auto peers = portOf(descriptor, ::getpeername);
-    QFile table(u"/proc/net/tcp"_s);
-    if (!ours || !peers || !table.open(QIODevice::ReadOnly))
-        return false;
-    const auto owner = ownerIn(table.readAll(), {*ours, *peers});
+    const auto [ports, table] = looked(descriptor);
+    const auto owner = ports ? ownerIn(table, *ports) : std::nullopt;
     return owner && (*owner == 0 || *owner == ::getuid());
+}
+
+std::optional<uid_t> LocalPeer::holder(int descriptor)
+{
+    const auto [ports, table] = looked(descriptor);
+    return ports ? holderIn(table, *ports) : std::nullopt;
 }
