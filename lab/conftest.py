@@ -14,7 +14,7 @@ from traces import settled_traces
 
 
 def pytest_addoption(parser: pytest.Parser) -> None:
-    parser.addoption("--cycles", type=int, default=100, help="how many connections the soak makes")
+    parser.addoption("--cycles", type=int, help="how many connections, or moves, are made in a row")
 
 
 @pytest.hookimpl(tryfirst=True)

@@ -24,8 +24,8 @@ def routes() -> list[str]:
 
 def settled_routes() -> list[str]:
     """A new address has its routes only when it is sure that nobody else has it."""
-    wait_for("the addresses", lambda: not subprocess.run(["ip", "address", "show", "tentative"], capture_output=True,
-                                                         check=True).stdout)
+    tentative = ["ip", "-6", "-o", "address", "show", "tentative"]
+    wait_for("the addresses", lambda: not subprocess.run(tentative, capture_output=True, check=True).stdout)
     return routes()
 
 
@@ -108,9 +108,9 @@ def check_connected() -> None:
     print(f"  {resolver()}:", " ".join(line for line in servers.splitlines() if "10.77.0.1" in line))
 
 
-def check_gone() -> None:
+def check_gone(then: tuple[str, list[str]] | None = None) -> None:
     """No OpenVPN, no tunnel, no way inside, and the name servers and routes of before."""
-    servers, ways = before()
+    servers, ways = then or before()
     wait_for("OpenVPN's end", lambda: not openvpn_pid())
     wait_for("the tunnel's end", lambda: not tunnel_interfaces())
     wait_for("the name servers of before", lambda: name_servers() == servers)
@@ -124,5 +124,5 @@ def check_gone() -> None:
     print("  OpenVPN and tunnel are gone; /etc/resolv.conf, routes and rules are as before")
 
 
-def server(what: str) -> None:
-    subprocess.run([HERE / "openvpn_server.sh", what], check=True)
+def server(what: str, **variant: str) -> None:
+    subprocess.run([HERE / "openvpn_server.sh", what], check=True, env=os.environ | variant)

@@ -2,6 +2,8 @@
 # SPDX-License-Identifier: MIT
 # The OpenVPN server on the lab's internet.
 # usage: openvpn_server.sh start|stop|crash     stop tells the connected clients to start over, crash says nothing
+# What the environment may change of it: PROTOCOL=udp|tcp|udp6|tcp6 (the last two take both families), KEEPALIVE="10 60",
+# SPLIT=1 (the network behind it is all that goes through the tunnel), IPV6=1 (the tunnel carries that, too).
 set -eu
 
 keys=/etc/lab
@@ -19,14 +21,22 @@ secret" ]
 SCRIPT
     chmod 755 /run/lab/check_password
     : >"$log"
+    protocol=${PROTOCOL:-udp}
+    set -- --push "redirect-gateway ${REDIRECT-def1}${IPV6:+ ipv6}"
+    [ -z "${SPLIT:-}" ] || set -- --push "route 10.77.0.0 255.255.255.0"
+    [ -z "${IPV6:-}" ] || set -- "$@" --server-ipv6 2001:db8:8::/64
+    case $protocol in
+    udp*) set -- "$@" --multihome --explicit-exit-notify 1 ;;
+    tcp*) protocol=tcp${protocol#tcp} ;;
+    esac
     exec ip netns exec internet openvpn --daemon --writepid "$pid" --log-append "$log" --verb 3 \
         --dev tun --topology subnet --server 10.8.0.0 255.255.255.0 \
-        --proto udp --multihome --port 1194 --keepalive 1 4 --explicit-exit-notify 1 \
+        --proto "$protocol" --port 1194 --keepalive ${KEEPALIVE:-1 4} \
         --ca "$keys/tunnel_authority.crt" --cert "$keys/tunnel.crt" --key "$keys/tunnel.key" \
         --dh none --tls-crypt "$keys/tunnel_shared.key" \
         --verify-client-cert none --username-as-common-name --script-security 2 \
         --auth-user-pass-verify /run/lab/check_password via-file \
-        --push "redirect-gateway def1" --push "dhcp-option DNS 10.77.0.1"
+        --push "dhcp-option DNS 10.77.0.1" "$@"
     ;;
 stop | crash)
     server=$(cat "$pid") # it removes the file as it ends

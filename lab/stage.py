@@ -48,10 +48,11 @@ class Stage:
         print("  button after the click:", ", ".join(titles))
         machine.check_connected()
 
-    def disconnect(self) -> None:
+    def disconnect(self, then: tuple[str, list[str]] | None = None) -> None:
+        """With one click; what there is afterwards is as it was then."""
         click = self.person.do("click")["time"]
         print(f'  button "{STOPPED}" after {self.person.sees(STOPPED, click) - click:.3f} s')
-        machine.check_gone()
+        machine.check_gone(then)
         self.hears_of_the_end()
 
     def hears_of_the_end(self) -> None:

@@ -18,7 +18,7 @@ REST = 3
 
 
 def test_many_connections_leave_nothing_behind(rested: tuple[Stage, dict], request: pytest.FixtureRequest) -> None:
-    count = request.config.getoption("cycles")
+    count = request.config.getoption("cycles") or 100
     assert count >= STEADY + 5 * EVERY, "so few cycles show nothing"
     stage, before = rested
     files, helper, began = open_files(stage), start_helper(), time.monotonic()
