@@ -41,7 +41,7 @@ protected:
         script(u"client.up", "");
         script(u"client.down", "echo >>restored");
         writeFile(path(u"profile.ovpn"), profile, 0600);
-        openvpn("trap 'exit 7' TERM; " + readAndStay("cat \"$4\" >>reread"));
+        openvpn("trap 'exit 7' TERM; " + readAndStay("cat \"$9\" >>reread"));
         shell("mkfifo gate");
         bus.configure("<limit name='max_replies_per_connection'>1000</limit>");
         ASSERT_TRUE(bus.start());
@@ -97,7 +97,7 @@ protected:
     /// on.
     static QByteArray readAndStay(const QByteArray &onReload)
     {
-        return "trap '' HUP; cat \"$4\" >/dev/null; sleep 0.05; trap '" + onReload +
+        return "trap '' HUP; cat \"$9\" >/dev/null; sleep 0.05; trap '" + onReload +
                "' HUP; echo >ready; while :; do read -r line <>gate; done";
     }
     /// The process number that OpenVPN, or what it started, has written last.

@@ -114,7 +114,7 @@ TEST_F(HelperTest, openvpnGetsAFixedCommandAndNothingOfTheHelpersOwnState)
     openvpn("exec >seen; tr '\\0' '\\n' </proc/$$/environ; umask; ls /proc/$$/fd; echo from $OLDPWD\n"
             "while read -r key value; do case $key in Sig[BI]*) echo $key $value; esac; done </proc/$$/status\n"
             "[ $(cut -d' ' -f6 /proc/$$/stat) = $$ ] && echo own session\n"
-            "stat -c '%a %u' \"$4\" run; cat \"$4\"; for word; do echo \"<$word>\"; done");
+            "stat -c '%a %u' \"$9\" run; cat \"$9\"; for word; do echo \"<$word>\"; done");
     ASSERT_EQ(outcome(run()), "0");
     const std::string seen = contentOf(path(u"seen")).toStdString();
     // Descriptors: the three standard ones, and as number 10 the script, which the shell itself has opened.
@@ -123,11 +123,13 @@ TEST_F(HelperTest, openvpnGetsAFixedCommandAndNothingOfTheHelpersOwnState)
     EXPECT_THAT(seen, testing::ContainsRegex("SigIgn: [0-9a-f]{12}0000\n")); // SIGPIPE, above all
     EXPECT_THAT(seen, HasSubstr("own session\n600 0\n700 0\n"));
     EXPECT_THAT(seen, HasSubstr("remote vpn.corvale.example 1194\n"));
-    EXPECT_THAT(seen, HasSubstr("<--syslog>\n<corvale-openvpn>\n<--config>\n")); // so it also tells of a wrong file
+    EXPECT_THAT(seen, HasSubstr("<--syslog>\n<corvale-openvpn>\n<--connect-retry>\n<1>\n<2>\n"
+                                "<--server-poll-timeout>\n<10>\n<--config>\n")); // so it also tells of a wrong file
+    EXPECT_THAT(seen, HasSubstr("<--persist-tun>\n"));
     EXPECT_THAT(seen, HasSubstr("<--verb>\n<2>\n<--client>\n"));
     EXPECT_THAT(seen, HasSubstr("<--script-security>\n<2>\n<--up>\n<" + path(u"client.up").toStdString() +
                                 ">\n<--down>\n<" + path(u"client.down").toStdString() + ">\n"));
-    EXPECT_THAT(seen, HasSubstr("<--management>\n<127.0.0.1>\n<1337>\n<--management-query-passwords>\n"));
+    EXPECT_THAT(seen, HasSubstr("<--management>\n<" + path(u"run/management").toStdString() + ">\n<unix>\n"));
     for (const std::string option : {"redirect-gateway", "route ", "dhcp-option DNS "})
         EXPECT_THAT(seen, HasSubstr("<--pull-filter>\n<accept>\n<" + option + ">\n"));
     EXPECT_THAT(seen, testing::EndsWith("<--pull-filter>\n<ignore>\n<>\n"));
