@@ -172,7 +172,7 @@ def go_through(stage: Stage, before: dict, cell: Cell) -> Outcome:
         wait_for("OpenVPN's end", lambda: truth() == "nothing")
     if lost:
         wait_for("the client to notice the lost bus", lambda: invalidations() > noticed)
-    # Where the connection does not go on by itself, the next click makes it; while it tries, the one after that.
+    # Where the connection does not go on by itself, the next click makes it.
     if outcome.after != CONNECTED:
         stage.connect_again()
     stage.disconnect()
