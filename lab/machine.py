@@ -55,21 +55,23 @@ def tunnel_interfaces() -> list[str]:
     return [path.split("/")[-1] for path in glob.glob("/sys/class/net/tun*")]
 
 
+MANAGEMENT = "/run/corvale/management"
+
+
 def openvpn_pid() -> int | None:
-    """The client's OpenVPN process, the one that serves the management port, or None."""
+    """The client's OpenVPN process, the one that serves the helper's management socket, or None."""
     for path in pathlib.Path("/proc").glob("[0-9]*"):
         try:
             arguments = (path / "cmdline").read_bytes().split(b"\0")
         except OSError:
             continue
-        if b"1337" in arguments and arguments[0].endswith(b"openvpn"):
+        if MANAGEMENT.encode() in arguments and arguments[0].endswith(b"openvpn"):
             return int(path.name)
     return None
 
 
 def management_listens() -> bool:
-    rows = [line.split() for line in pathlib.Path("/proc/net/tcp").read_text(encoding="ascii").splitlines()]
-    return any(row[1:4:2] == ["0100007F:0539", "0A"] for row in rows)
+    return any(line.endswith(f" {MANAGEMENT}") for line in pathlib.Path("/proc/net/unix").read_text().splitlines())
 
 
 def openvpn_started() -> float | None:

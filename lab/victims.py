@@ -115,6 +115,7 @@ def victims(stage: Stage) -> dict[str, Victim]:
         "client": Victim(lambda: None if stage.client.process.poll() is not None else stage.client.process.pid,
                          stage.start_client),
         "helper": Victim(helper_pid, start_helper),
+        "gate": Victim(lambda: running("gate", machine.MANAGEMENT), lambda: None),
         "OpenVPN": Victim(machine.openvpn_pid, lambda: None, signal.SIGHUP),
         "account service": Victim(lambda: running("python3", "account_service.py"), start_account),
         "system bus": Victim(lambda: running("dbus-daemon", "--system", "--nopidfile"), start_bus),
@@ -135,7 +136,7 @@ def start_over(stage: Stage) -> None:
     """After something went wrong: every part is there and goes on, with another client and no tunnel."""
     HOLD.unlink(missing_ok=True)
     for name, victim in victims(stage).items():
-        if name not in ("client", "OpenVPN", "helper"):
+        if name not in ("client", "OpenVPN", "gate", "helper"):
             if victim.find() is None:
                 victim.start()
             wake(victim.find())

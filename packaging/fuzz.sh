@@ -22,5 +22,6 @@ fuzz() {
 
 fuzz config_fuzzer fuzz/seeds/config tests/helper/profiles -dict=fuzz/config.dict
 fuzz management_lines_fuzzer fuzz/seeds/management_lines -dict=fuzz/management_lines.dict
+fuzz management_text_fuzzer fuzz/seeds/management_text -dict=fuzz/management_text.dict
 fuzz info_dictionary_fuzzer fuzz/seeds/info_dictionary
 fuzz account_answer_fuzzer fuzz/seeds/account_answer -dict=fuzz/account_answer.dict

@@ -43,7 +43,7 @@ int gateMain(int argc, char *argv[])
     openvpn.sun_family = AF_UNIX;
     if (argc != 4 || std::strlen(argv[3]) >= sizeof openvpn.sun_path)
         return EXIT_FAILURE;
-    std::strcpy(openvpn.sun_path, argv[3]);
+    std::memcpy(openvpn.sun_path, argv[3], std::strlen(argv[3]));
     const auto owner = static_cast<uid_t>(std::strtoul(argv[2], nullptr, 10));
     ::prctl(PR_SET_NAME, "corvale-gate");
     ::prctl(PR_SET_DUMPABLE, 0);

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "management_text.h"
 
+#include <QByteArray>
+
 #include <algorithm>
 #include <limits>
 

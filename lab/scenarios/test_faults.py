@@ -39,8 +39,6 @@ NOTICES = Outcome(4, CONNECTING, CONNECTED, "tunnel")
 WAITS = Outcome(None, CONNECTING, CONNECTED, "tunnel")
 STAYS = Outcome(None, CONNECTED, CONNECTED, "tunnel")
 ENDS_LATER = Outcome(None, CONNECTED, STOPPED, "nothing")
-# One that ends in good order has OpenVPN forget the password, which the client gives once.
-FORGETS = Outcome(0, CONNECTING, CONNECTING, "OpenVPN")
 # A request to the account service may be idle for 60 s.
 TIMES_OUT = Outcome(60, STOPPED, STOPPED, "nothing")
 UNSEEN = Outcome(None, "", CONNECTED, "tunnel")
@@ -79,7 +77,7 @@ TABLE = [Cell(victim, how, phase, outcome) for phase, rows in {
     "connecting": [
         ("client", "killed restarted", LEFT["tunnel"]), ("client", "stopped", UNSEEN),
         ("helper", "killed restarted", ENDS), ("helper", "stopped", WAITS),
-        ("OpenVPN", "killed", ENDS), ("OpenVPN", "stopped restarted", WAITS),
+        ("OpenVPN", "killed", ENDS), ("OpenVPN", "stopped restarted", WAITS), ("gate", "killed", ENDS),
         ("account service", ALL, WAITS),
         ("system bus", "killed restarted", ENDS), ("system bus", "stopped", WAITS),
         ("polkit", ALL, WAITS),
@@ -91,7 +89,9 @@ TABLE = [Cell(victim, how, phase, outcome) for phase, rows in {
         ("account service", ALL, STAYS),
         ("system bus", "killed restarted", ENDS), ("system bus", "stopped", STAYS),
         ("polkit", ALL, STAYS),
-        ("OpenVPN server", "killed stopped", NOTICES), ("OpenVPN server", "restarted", FORGETS)],
+        ("gate", "killed", ENDS), ("gate", "stopped", STAYS),
+        # One that ends in good order has OpenVPN forget the password, which the gate gives again.
+        ("OpenVPN server", "killed stopped", NOTICES), ("OpenVPN server", "restarted", GOES_ON)],
     "disconnecting": [
         ("client", ALL, LEFT["nothing"]),
         ("OpenVPN", "killed restarted", ENDS), ("OpenVPN", "stopped", ENDS_LATER),
@@ -172,9 +172,7 @@ def go_through(stage: Stage, before: dict, cell: Cell) -> Outcome:
         wait_for("OpenVPN's end", lambda: truth() == "nothing")
     if lost:
         wait_for("the client to notice the lost bus", lambda: invalidations() > noticed)
-    # Where the connection does not go on by itself, the next click makes it; while it tries, the one after that.
-    if outcome.after == CONNECTING:
-        stage.disconnect()
+    # Where the connection does not go on by itself, the next click makes it.
     if outcome.after != CONNECTED:
         stage.connect_again()
     stage.disconnect()

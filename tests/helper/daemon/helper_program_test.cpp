@@ -129,7 +129,8 @@ TEST_F(HelperTest, openvpnGetsAFixedCommandAndNothingOfTheHelpersOwnState)
     EXPECT_THAT(seen, HasSubstr("<--verb>\n<2>\n<--client>\n"));
     EXPECT_THAT(seen, HasSubstr("<--script-security>\n<2>\n<--up>\n<" + path(u"client.up").toStdString() +
                                 ">\n<--down>\n<" + path(u"client.down").toStdString() + ">\n"));
-    EXPECT_THAT(seen, HasSubstr("<--management>\n<" + path(u"run/management").toStdString() + ">\n<unix>\n"));
+    EXPECT_THAT(seen, HasSubstr("<--management>\n<" + path(u"run/management").toStdString() +
+                                ">\n<unix>\n<--management-client-user>\n<root>\n<--management-query-passwords>\n"));
     for (const std::string option : {"redirect-gateway", "route ", "dhcp-option DNS "})
         EXPECT_THAT(seen, HasSubstr("<--pull-filter>\n<accept>\n<" + option + ">\n"));
     EXPECT_THAT(seen, testing::EndsWith("<--pull-filter>\n<ignore>\n<>\n"));
@@ -140,6 +141,19 @@ TEST_F(HelperTest, aTakenPortIsReportedAndNothingStarts)
     const TCPPeer stranger(1337);
     EXPECT_EQ(outcome(run()), "PortBusy");
     EXPECT_FALSE(exists(u"started"));
+}
+
+TEST_F(HelperTest, aTunnelWhoseGateDiesIsEndedAndTheNextOneHasThePort)
+{
+    for (int tunnel = 0; tunnel < 2; ++tunnel) {
+        const auto call = runUntilReady();
+        const QByteArray helper = QByteArray::number(helperPid());
+        const QString children = u"/proc/%1/task/%1/children"_s.arg(QString::fromLatin1(helper));
+        const pid_t gate = contentOf(children).split(' ').first().toInt(); // the first to be started
+        ASSERT_EQ(contentOf(u"/proc/%1/comm"_s.arg(gate)), "corvale-gate\n");
+        ::kill(gate, SIGKILL);
+        EXPECT_EQ(outcome(call), "7");
+    }
 }
 
 TEST_F(HelperTest, withoutAWatchAFreshOpenvpnTakesTheRunningOnesPlace)
