@@ -14,6 +14,7 @@ from collections.abc import Callable, Iterator
 import machine
 from gi.repository import Gio, GLib
 from session import BOOTED, log, wait_for
+from victims import server_pid
 
 HOST, HOST6 = "203.0.113.10", "2001:db8:ff::10"  # on the internet
 NEIGHBOUR6 = "2001:db8:1::20"  # in the network at home
@@ -68,8 +69,8 @@ def build() -> None:
     machine.before()
 
 
-def join(network: Network, metric: int = 0) -> None:
-    """Addresses, way out, name server."""
+def join(network: Network, metric: int = 100) -> None:
+    """Addresses, way out, name server. A tunnel's default route has the metric 0, like one made by hand."""
     ip("link", "set", network.link, "up")
     ip("address", "replace", f"{network.prefix}2/24", "dev", network.link)
     ip("route", "del", "default", "dev", network.link, check=False)
@@ -109,7 +110,8 @@ def ipv6(on: bool, network: Network = HOME) -> None:
 
 def serve(**variant: str) -> None:
     """The OpenVPN server starts over, as openvpn_server.sh can be told in its environment."""
-    machine.server("crash")
+    if server_pid():
+        machine.server("crash")
     start_server(**variant)
 
 
