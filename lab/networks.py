@@ -95,7 +95,7 @@ def name_server(network: Network, address: str | None) -> None:
     elif machine.resolver() == "resolvconf":
         subprocess.run(["resolvconf", "-a" if address else "-d", f"{network.link}.lab"], check=True, text=True,
                        input=f"nameserver {address}\n")
-    else:
+    elif address or (HOME if network == CAFE else CAFE).gateway not in machine.name_servers():
         new = pathlib.Path("/etc/resolv.conf.lab")
         new.write_text(f"nameserver {address}\n" if address else "", encoding="ascii")
         new.rename(machine.RESOLVER)
@@ -169,9 +169,10 @@ def reaches(host: str) -> bool:
 
 @contextlib.contextmanager
 def overheard(*networks: Network) -> Iterator[Callable[[], set[str]]]:
-    """What is sent to whom but an OpenVPN server while this lasts: read from the links, before anybody could drop it."""
+    """To whom but an OpenVPN server something is sent while this lasts, as the links see it."""
     with contextlib.ExitStack() as stack:
-        ears = [stack.enter_context(socket.socket(socket.AF_PACKET, socket.SOCK_RAW, socket.htons(3))) for _ in networks]
+        kind = socket.AF_PACKET, socket.SOCK_RAW, socket.htons(3)
+        ears = [stack.enter_context(socket.socket(*kind)) for _ in networks]
         for ear, network in zip(ears, networks):
             ear.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 1 << 22)
             ear.bind((network.link, 3))
