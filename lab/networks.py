@@ -14,6 +14,7 @@ from collections.abc import Callable, Iterator
 import machine
 from gi.repository import Gio, GLib
 from session import BOOTED, log, wait_for
+from victims import server_pid
 
 HOST, HOST6 = "203.0.113.10", "2001:db8:ff::10"  # on the internet
 NEIGHBOUR6 = "2001:db8:1::20"  # in the network at home
@@ -68,8 +69,8 @@ def build() -> None:
     machine.before()
 
 
-def join(network: Network, metric: int = 0) -> None:
-    """Addresses, way out, name server."""
+def join(network: Network, metric: int = 100) -> None:
+    """Addresses, way out, name server. A tunnel's default route has the metric 0, like one made by hand."""
     ip("link", "set", network.link, "up")
     ip("address", "replace", f"{network.prefix}2/24", "dev", network.link)
     ip("route", "del", "default", "dev", network.link, check=False)
@@ -94,7 +95,7 @@ def name_server(network: Network, address: str | None) -> None:
     elif machine.resolver() == "resolvconf":
         subprocess.run(["resolvconf", "-a" if address else "-d", f"{network.link}.lab"], check=True, text=True,
                        input=f"nameserver {address}\n")
-    else:
+    elif address or (HOME if network == CAFE else CAFE).gateway not in machine.name_servers():
         new = pathlib.Path("/etc/resolv.conf.lab")
         new.write_text(f"nameserver {address}\n" if address else "", encoding="ascii")
         new.rename(machine.RESOLVER)
@@ -109,7 +110,8 @@ def ipv6(on: bool, network: Network = HOME) -> None:
 
 def serve(**variant: str) -> None:
     """The OpenVPN server starts over, as openvpn_server.sh can be told in its environment."""
-    machine.server("crash")
+    if server_pid():
+        machine.server("crash")
     start_server(**variant)
 
 
@@ -167,9 +169,10 @@ def reaches(host: str) -> bool:
 
 @contextlib.contextmanager
 def overheard(*networks: Network) -> Iterator[Callable[[], set[str]]]:
-    """What is sent to whom but an OpenVPN server while this lasts: read from the links, before anybody could drop it."""
+    """To whom but an OpenVPN server something is sent while this lasts, as the links see it."""
     with contextlib.ExitStack() as stack:
-        ears = [stack.enter_context(socket.socket(socket.AF_PACKET, socket.SOCK_RAW, socket.htons(3))) for _ in networks]
+        kind = socket.AF_PACKET, socket.SOCK_RAW, socket.htons(3)
+        ears = [stack.enter_context(socket.socket(*kind)) for _ in networks]
         for ear, network in zip(ears, networks):
             ear.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 1 << 22)
             ear.bind((network.link, 3))

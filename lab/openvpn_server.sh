@@ -2,8 +2,9 @@
 # SPDX-License-Identifier: MIT
 # The OpenVPN server on the lab's internet.
 # usage: openvpn_server.sh start|stop|crash     stop tells the connected clients to start over, crash says nothing
-# What the environment may change of it: PROTOCOL=udp|tcp|udp6|tcp6 (the last two take both families), KEEPALIVE="10 60",
-# SPLIT=1 (the network behind it is all that goes through the tunnel), IPV6=1 (the tunnel carries that, too).
+# What the environment may change: PROTOCOL=udp|tcp|udp6|tcp6 (the last two take both families), KEEPALIVE="10 60",
+# SPLIT=1 (the network behind it is all that goes through the tunnel), REDIRECT= (the default route is replaced instead
+# of covered), IPV6=1 (the tunnel carries that, too).
 set -eu
 
 keys=/etc/lab
@@ -25,10 +26,8 @@ SCRIPT
     set -- --push "redirect-gateway ${REDIRECT-def1}${IPV6:+ ipv6}"
     [ -z "${SPLIT:-}" ] || set -- --push "route 10.77.0.0 255.255.255.0"
     [ -z "${IPV6:-}" ] || set -- "$@" --server-ipv6 2001:db8:8::/64
-    case $protocol in
-    udp*) set -- "$@" --multihome --explicit-exit-notify 1 ;;
-    tcp*) protocol=tcp${protocol#tcp} ;;
-    esac
+    case $protocol in udp*) set -- "$@" --multihome --explicit-exit-notify 1 ;; esac
+    # shellcheck disable=SC2086 # two words
     exec ip netns exec internet openvpn --daemon --writepid "$pid" --log-append "$log" --verb 3 \
         --dev tun --topology subnet --server 10.8.0.0 255.255.255.0 \
         --proto "$protocol" --port 1194 --keepalive ${KEEPALIVE:-1 4} \

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""A tunnel that outlives its network: gaps, other networks, wake-ups, a server that goes away; and what leaves meanwhile."""
+"""A tunnel that outlives its network: gaps, moves, wake-ups, a server that goes away; and what leaves meanwhile."""
 import os
 import signal
 import time
