@@ -181,11 +181,11 @@ def test_what_a_tunnel_does_not_carry_does_not_go_around_it(
 def test_what_does_not_concern_the_way_leaves_the_tunnel_alone(stage: Stage) -> None:
     pid, before = tunnel(stage), handshakes()
     for _ in range(5):
-        ip("link", "add", "docker9", "type", "dummy")
-        ip("address", "add", "172.19.0.1/16", "dev", "docker9")
-        ip("link", "set", "docker9", "up")
+        ip("link", "add", "guest", "type", "veth", "peer", "name", "guest-end")
+        ip("address", "add", "172.19.0.1/16", "dev", "guest")
+        ip("link", "set", "guest", "up")
         assert networks.answers(machine.INSIDE)
-        ip("link", "del", "docker9")
+        ip("link", "del", "guest")
     time.sleep(12)  # a second try of the product's comes after ten
     assert (machine.openvpn_pid(), handshakes()) == (pid, before), "OpenVPN was restarted"
     machine.check_connected()
