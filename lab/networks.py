@@ -152,6 +152,19 @@ def wake_up() -> None:
             bus.emit_signal(None, LOGIN_PATH, f"{LOGIN}.Manager", "PrepareForSleep", GLib.Variant("(b)", (asleep,)))
 
 
+@contextlib.contextmanager
+def names(servers: dict[str, str]) -> Iterator[None]:
+    """What is known of the OpenVPN servers' names while this lasts."""
+    hosts = pathlib.Path("/etc/hosts")
+    before = hosts.read_text(encoding="ascii")
+    others = [line for line in before.splitlines() if "vpn" not in line]
+    hosts.write_text("\n".join(others + [f"{address} {name}" for name, address in servers.items()]) + "\n", encoding="ascii")
+    try:
+        yield
+    finally:
+        hosts.write_text(before, encoding="ascii")
+
+
 def handshakes() -> int:
     return log("server").count("Peer Connection Initiated")
 

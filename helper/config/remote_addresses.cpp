@@ -32,5 +32,5 @@ QByteArray RemoteAddresses::lineFor(const QList<Directive> &directives)
 {
     const QSet<QByteArray> hosts = hostsOf(directives);
     const bool waitsForNoName = hosts.size() <= 1 || std::ranges::all_of(hosts, isAddress);
-    return waitsForNoName ? "preresolve\n" : sameServer;
+    return waitsForNoName ? beforehand : "";
 }

@@ -7,11 +7,11 @@
 /// name servers are behind the tunnel.
 namespace RemoteAddresses {
 
-/// OpenVPN goes back to the server that it was connected to and tries no other.
-inline constexpr char sameServer[] = "persist-remote-ip\n";
+/// The line of OpenVPN's file with which it looks up every name before it connects at all.
+inline constexpr char beforehand[] = "preresolve\n";
 
-/// The line for OpenVPN's file. That is `preresolve`, with which it looks up every name before it connects at all,
-/// where no name can keep it from another server; `sameServer` where the servers have several names.
+/// That line where no name can keep OpenVPN from another server. Empty where the servers have several names, since it
+/// would wait for each: then it has to start over, outside the tunnel, instead of connecting again.
 QByteArray lineFor(const QList<Directive> &directives);
 
 } // namespace RemoteAddresses

@@ -11,15 +11,12 @@ constexpr int noWay = 4;
 
 } // namespace
 
-Recovery::Recovery(QByteArray script, bool staysWithRemote, std::chrono::milliseconds connectTimeout)
-    : script_(std::move(script)), staysWithRemote_(staysWithRemote)
+Recovery::Recovery(QByteArray script, bool looksUpNames, std::chrono::milliseconds connectTimeout)
+    : script_(std::move(script)), looksUpNames_(looksUpNames)
 {
     connecting_.setSingleShot(true);
     connecting_.setInterval(connectTimeout);
-    connect(&connecting_, &QTimer::timeout, this, [this] {
-        hasConnected_ = false; // what comes is like a start
-        emit reloadNeeded();
-    });
+    connect(&connecting_, &QTimer::timeout, this, &Recovery::startOver);
     connect(&watch_, &NetworkWatch::changed, this, &Recovery::networkChanged);
     connect(&watch_, &NetworkWatch::woke, this, [this] {
         restartAnyway_ = hasConnected_;
@@ -38,8 +35,8 @@ void Recovery::stateChanged(const QByteArray &name)
     } else if (name == "EXITING") {
         hasConnected_ = false;
         connecting_.stop();
-    } else if (hasConnected_ && staysWithRemote_ && !connecting_.isActive()) {
-        connecting_.start();
+    } else if (hasConnected_ && looksUpNames_) {
+        startOver();
     }
 }
 
@@ -80,11 +77,27 @@ void Recovery::looked(int verdict, bool networkHasChanged)
     } else if (hasConnected_) {
         // A TCP connection that was begun before its route was mended has the tunnel's address.
         const bool isOfNoUse = networkHasChanged || state_ == "TCP_CONNECT";
-        if (std::exchange(restartAnyway_, false) || (verdict == changed && isOfNoUse)) {
-            connecting_.start();
-            emit restartNeeded();
-        }
+        if (std::exchange(restartAnyway_, false) || (verdict == changed && isOfNoUse))
+            restart();
     }
     if (std::exchange(lookAgain_, false))
         look();
+}
+
+void Recovery::restart()
+{
+    if (looksUpNames_) {
+        startOver();
+        return;
+    }
+    connecting_.start();
+    emit restartNeeded();
+}
+
+/// What comes is like the first start.
+void Recovery::startOver()
+{
+    connecting_.stop();
+    hasConnected_ = false;
+    emit reloadNeeded();
 }

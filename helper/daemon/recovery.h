@@ -16,24 +16,26 @@
 class Recovery : public QObject {
     Q_OBJECT
 public:
-    /// `script` is client.up. `staysWithRemote` says that this OpenVPN tries no other server by itself.
-    Recovery(QByteArray script, bool staysWithRemote,
-             std::chrono::milliseconds connectTimeout = std::chrono::seconds(10));
+    /// `script` is client.up. `looksUpNames` says that OpenVPN does so before each connection, which it cannot from
+    /// inside a tunnel that is dead: then all it can do is to start over.
+    Recovery(QByteArray script, bool looksUpNames, std::chrono::milliseconds connectTimeout = std::chrono::seconds(10));
 
     void stateChanged(const QByteArray &name);     ///< OpenVPN's state, by its name on the management interface
     void remoteChanged(const QByteArray &address); ///< of the server that OpenVPN talks to from now on
 
 signals:
     void restartNeeded(); ///< OpenVPN should connect again and keep its interface: SIGUSR1
-    void reloadNeeded();  ///< that was of no use within the timeout: SIGHUP. Not again before the next connection
+    void reloadNeeded();  ///< that cannot help, or has not within the timeout: SIGHUP. Not again before a connection
 
 private:
     void networkChanged();
     void look();
     void looked(int verdict, bool networkHasChanged);
+    void restart();
+    void startOver();
 
     const QByteArray script_;
-    const bool staysWithRemote_;
+    const bool looksUpNames_;
     NetworkWatch watch_;
     QByteArray remote_;
     QByteArray state_;

@@ -64,7 +64,7 @@ void Tunnel::run(uid_t uid, const QByteArray &configuration, Handler handler)
         handler(failure("The configuration cannot be stored.", ErrorCode::Internal));
         return;
     }
-    staysWithRemote_ = configuration.startsWith(RemoteAddresses::sameServer);
+    looksUpNames_ = !configuration.startsWith(RemoteAddresses::beforehand);
     retry_.stop(); // client.up begins by restoring, too
     owner_ = uid;
     waiting_.push_back(std::move(handler));
@@ -121,7 +121,7 @@ void Tunnel::start()
 /// From now on the tunnel comes back by itself after a change of network or a sleep.
 void Tunnel::recover()
 {
-    recovery_.reset(new Recovery(paths_.clientUp, staysWithRemote_));
+    recovery_.reset(new Recovery(paths_.clientUp, looksUpNames_));
     connect(gate_.get(), &GateProcess::stateChanged, recovery_.get(), &Recovery::stateChanged);
     connect(gate_.get(), &GateProcess::remoteChanged, recovery_.get(), &Recovery::remoteChanged);
     connect(recovery_.get(), &Recovery::restartNeeded, this, [this] {

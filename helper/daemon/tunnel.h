@@ -85,7 +85,7 @@ private:
 
     std::vector<Handler> waiting_; ///< in the order of the requests
     size_t unread_ = 0;            ///< how many of the last ones wait for their file to be read
-    bool staysWithRemote_ = false; ///< says the newest file
+    bool looksUpNames_ = false;    ///< before each connection, says the newest file
     bool wasRead_ = false;         ///< this OpenVPN has read a file
     bool reloadWhenRead_ = false;  ///< the file was replaced while OpenVPN had yet to read one
     std::vector<std::function<void()>> stops_;

@@ -17,6 +17,7 @@ from stage import CONNECTED, CONNECTING, STOPPED, Stage
 from traces import check_as_before, settled_traces
 
 slow = pytest.mark.slow
+NAMES = "vpn.corvale.example", "vpn2.corvale.example"
 SWIFT, RETURN = 3, 12  # seconds from the network's, and from the server's return until the tunnel's
 
 
@@ -34,11 +35,10 @@ def at_home() -> Iterator[None]:
     networks.reset()
 
 
-def tunnel(stage: Stage, protocol: str = "udp", persist: bool = True, **variant: str) -> int:
-    """Is up, with the times that servers push; returns OpenVPN's process."""
+def tunnel(stage: Stage, protocol: str = "udp", edit: tuple[str, str] = ("", ""), **variant: str) -> int:
+    """Is up, with the times that servers push and an edited profile; returns OpenVPN's process."""
     networks.serve(**{"PROTOCOL": protocol, "KEEPALIVE": "10 60"} | variant)
-    profile = plain.profile().replace("proto udp", f"proto {protocol}")
-    hand_out(profile if persist else profile.replace("persist-tun\n", ""))
+    hand_out(plain.profile().replace("proto udp", f"proto {protocol}").replace(*edit, 1))
     stage.connect()
     return machine.openvpn_pid()
 
@@ -71,7 +71,7 @@ GAPS = CORE + [(1, "tcp", HOME, True), (1, "tcp", CAFE, True), (8, "udp", HOME, 
                  id=f"{row[0]} s, {row[1]}, {row[2].link}{'' if row[3] else ', no persist-tun'}") for row in GAPS])
 def test_the_tunnel_is_back_soon_after_the_network(
         stage: Stage, gap: int, protocol: str, to: networks.Network, persist: bool) -> None:
-    pid = tunnel(stage, protocol, persist)
+    pid = tunnel(stage, protocol, ("", "") if persist else ("persist-tun\n", ""))
     networks.leave(HOME)
     time.sleep(gap)
     networks.join(to)
@@ -128,6 +128,34 @@ def test_the_tunnel_is_back_soon_after_its_server(
         stage.disconnect()
         networks.reaches(HOST)
         assert HOST in heard(), "nothing would have been heard"
+
+
+@slow
+@pytest.mark.parametrize("servers, limit", [((networks.SERVER, networks.SECOND_SERVER), 20), (NAMES, 30)], ids=str)
+def test_another_server_takes_over(stage: Stage, servers: tuple[str, str], limit: int) -> None:
+    with networks.names(dict(zip(NAMES, (networks.SERVER, networks.SECOND_SERVER)))):
+        pid = tunnel(stage, "udp", (f"remote {NAMES[0]} 1194", "\n".join(f"remote {each} 1194" for each in servers)),
+                     KEEPALIVE="1 4")
+        ip("-n", "internet", "address", "del", f"{networks.SERVER}/32", "dev", "lo")
+        try:
+            back(f"another of {servers}", limit)
+            networks.leave(HOME)
+            networks.join(CAFE)
+            back("another network then", SWIFT)
+            assert machine.openvpn_pid() == pid, "it is another OpenVPN"
+        finally:
+            ip("-n", "internet", "address", "add", f"{networks.SERVER}/32", "dev", "lo")
+    stage.disconnect(BEFORE[CAFE])
+
+
+@slow
+def test_no_name_has_to_be_found_from_inside_a_dead_tunnel(stage: Stage) -> None:
+    tunnel(stage)
+    with networks.names({}):
+        networks.leave(HOME)
+        networks.join(CAFE)
+        back("another network, without names", SWIFT)
+    stage.disconnect(BEFORE[CAFE])
 
 
 @slow

@@ -203,6 +203,7 @@ TEST_F(ScriptsTest, ofTheRoutesThatAKilledOpenVPNLeavesItsOwnAreTakenBackAndNoOt
         {server, "add 203.0.113.20 via $gw; add $gw via $gw dev wan; add 10.0.0.0/8 via $gw",
          "> 10.0.0.0/8 via 198.51.100.1 dev wan \n"},
         {server, "add 203.0.113.20 via 198.51.100.9; del default", "> 203.0.113.20 via 198.51.100.9 dev wan \n"},
+        {server, "del default; add default via $gw", ""},
         {server, "add 203.0.113.20 via $gw proto dhcp; del default; add default via 198.51.100.9",
          "> 203.0.113.20 via 198.51.100.1 dev wan proto dhcp \n"
          "< default via 198.51.100.1 dev wan proto dhcp metric 100 \n> default via 198.51.100.9 dev wan \n"},

@@ -218,7 +218,7 @@ TEST(RemoteAddresses, AreLookedUpBeforehandUnlessOneNameCouldKeepOpenVPNFromTheO
         {"remote 192.0.2.1\nhttp-proxy b.example 80\n", false},
     };
     for (const auto &[text, beforehand] : rows) {
-        const QByteArray expected = beforehand ? "preresolve\n" : RemoteAddresses::sameServer;
+        const QByteArray expected = beforehand ? RemoteAddresses::beforehand : "";
         EXPECT_EQ(RemoteAddresses::lineFor(readConfiguration(text)->directives), expected) << text;
     }
 }
