@@ -85,6 +85,12 @@ protected:
         gate = std::move(*started);
         QObject::connect(gate.get(), &ChildProcess::ended, [this](int status) { ended = status; });
     }
+    void TearDown() override
+    {
+        control.close();
+        EXPECT_TRUE(ends());
+        EXPECT_EQ(ended, 0);
+    }
     /// Only now does OpenVPN listen.
     void openvpn()
     {
@@ -276,7 +282,6 @@ TEST_F(GateTest, endsWithTheHelperOnceTheClientHasOpenvpnsLastWords)
     connection.close();
     EXPECT_EQ(served.hear(), "");
     EXPECT_TRUE(ends());
-    EXPECT_EQ(ended, 0);
 }
 
 TEST_F(GateTest, aClientOfAnOpenvpnThatEndsBeforeItsFirstStateIsToldOfAnEnd)
@@ -285,7 +290,6 @@ TEST_F(GateTest, aClientOfAnOpenvpnThatEndsBeforeItsFirstStateIsToldOfAnEnd)
     served.say("state on\n");
     control.close();
     EXPECT_THAT(served.hear(), HasSubstr(",EXITING,ended,"));
-    EXPECT_TRUE(ends());
 }
 
 TEST(Credentials, areGivenThreeTimesAMinuteAndNotInTheMiddleOfAClientsOwn)
