@@ -3,6 +3,7 @@
 
 #include <QByteArrayView>
 
+#include <algorithm>
 #include <cstring>
 #include <span>
 
@@ -30,7 +31,7 @@ public:
         const auto count = static_cast<size_t>(bytes.size());
         if (capacity - end_ < count)
             moveToFront();
-        std::memcpy(bytes_ + end_, bytes.data(), count);
+        std::copy_n(bytes.data(), count, bytes_ + end_);
         end_ += count;
     }
     void drop(size_t count)

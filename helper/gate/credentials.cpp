@@ -10,7 +10,7 @@ void Credentials::Line::set(QByteArrayView line)
 {
     ::explicit_bzero(text, sizeof text);
     size = std::min(static_cast<size_t>(line.size()), sizeof text);
-    std::memcpy(text, line.data(), size);
+    std::copy_n(line.data(), size, text);
 }
 
 bool Credentials::Word::taken()

@@ -15,7 +15,6 @@
 
 using namespace std::chrono_literals;
 using testing::HasSubstr;
-using testing::StartsWith;
 using Kind = ManagementText::Meaning::Kind;
 
 namespace {
@@ -70,7 +69,7 @@ protected:
         port_.sin_family = AF_INET;
         port_.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         socklen_t size = sizeof port_;
-        ::bind(listener_.get(), reinterpret_cast<sockaddr *>(&port_), size);
+        ASSERT_EQ(::bind(listener_.get(), reinterpret_cast<sockaddr *>(&port_), size), 0);
         ::getsockname(listener_.get(), reinterpret_cast<sockaddr *>(&port_), &size);
         ::listen(listener_.get(), SOMAXCONN);
         int ends[2];
@@ -84,6 +83,12 @@ protected:
         listener_.close();
         gate = std::move(*started);
         QObject::connect(gate.get(), &ChildProcess::ended, [this](int status) { ended = status; });
+    }
+    void TearDown() override
+    {
+        control.close();
+        EXPECT_TRUE(ends());
+        EXPECT_EQ(ended, 0);
     }
     /// Only now does OpenVPN listen.
     void openvpn()
@@ -134,7 +139,7 @@ TEST_F(GateTest, passesWhatAClientSaysAndEveryByteOfOpenvpnsAndTellsTheHelper)
     const End first = upstream();
     EXPECT_EQ(first.hear(opening.size()), opening) << "it was there before OpenVPN";
     const std::string said = std::string(connected) + ">LOG:1,I,UDPv4 link remote: [AF_INET]203.0.113.20:1194\r\n" +
-                             ">LOG:1,I,Peer says: UDPv4 link remote: [AF_INET]203.0.113.21:1194\r\nhalf a l\0ine";
+                             ">LOG:1,I,Peer says: UDPv4 link remote: [AF_INET]203.0.113.21:1194\r\nhalf a line";
     first.say(said);
     EXPECT_EQ(early.hear(said.size()), said);
     EXPECT_EQ(control.message(), "state CONNECTED");
@@ -276,7 +281,6 @@ TEST_F(GateTest, endsWithTheHelperOnceTheClientHasOpenvpnsLastWords)
     connection.close();
     EXPECT_EQ(served.hear(), "");
     EXPECT_TRUE(ends());
-    EXPECT_EQ(ended, 0);
 }
 
 TEST_F(GateTest, aClientOfAnOpenvpnThatEndsBeforeItsFirstStateIsToldOfAnEnd)
@@ -285,7 +289,6 @@ TEST_F(GateTest, aClientOfAnOpenvpnThatEndsBeforeItsFirstStateIsToldOfAnEnd)
     served.say("state on\n");
     control.close();
     EXPECT_THAT(served.hear(), HasSubstr(",EXITING,ended,"));
-    EXPECT_TRUE(ends());
 }
 
 TEST(Credentials, areGivenThreeTimesAMinuteAndNotInTheMiddleOfAClientsOwn)
