@@ -139,12 +139,12 @@ def test_another_server_takes_over(stage: Stage, servers: tuple[str, str], limit
         ip("-n", "internet", "address", "del", f"{networks.SERVER}/32", "dev", "lo")
         try:
             back(f"another of {servers}", limit)
-            networks.leave(HOME)
-            networks.join(CAFE)
-            back("another network then", SWIFT)
-            assert machine.openvpn_pid() == pid, "it is another OpenVPN"
         finally:
             ip("-n", "internet", "address", "add", f"{networks.SERVER}/32", "dev", "lo")
+        networks.leave(HOME)
+        networks.join(CAFE)
+        back("another network then", SWIFT)
+        assert machine.openvpn_pid() == pid, "it is another OpenVPN"
     stage.disconnect(BEFORE[CAFE])
 
 
