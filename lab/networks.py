@@ -8,12 +8,16 @@ import pathlib
 import signal
 import socket
 import subprocess
+import time
 import typing
 from collections.abc import Callable, Iterator
 
 import machine
+import plain
 from gi.repository import Gio, GLib
+from helper_calls import HANDED_OUT, hand_out
 from session import BOOTED, log, wait_for
+from stage import Stage
 from victims import server_pid
 
 HOST, HOST6 = "203.0.113.10", "2001:db8:ff::10"  # on the internet
@@ -22,6 +26,7 @@ SERVER, SECOND_SERVER = "203.0.113.20", "203.0.113.21"
 INTERNET = ("-n", "internet")
 LOGIN, LOGIN_PATH = "org.freedesktop.login1", "/org/freedesktop/login1"
 OUTGOING = 4  # PACKET_OUTGOING
+LASTING = 2  # seconds with every answer
 
 
 class Network(typing.NamedTuple):
@@ -120,6 +125,29 @@ def start_server(**variant: str) -> None:
     wait_for("the OpenVPN server", lambda: "Initialization Sequence Completed" in log("server"))
 
 
+def tunnel(stage: Stage, protocol: str = "udp", edit: tuple[str, str] = ("", ""), **variant: str) -> int:
+    """Is up, with the times that servers push and an edited profile; returns OpenVPN's process."""
+    serve(**{"PROTOCOL": protocol, "KEEPALIVE": "10 60"} | variant)
+    HANDED_OUT.unlink(missing_ok=True)
+    hand_out(plain.profile().replace("proto udp", f"proto {protocol}").replace(*edit, 1))
+    stage.connect()
+    return machine.openvpn_pid()
+
+
+def returned(limit: float) -> float:
+    """Seconds from now until the page behind the tunnel is in reach for good: OpenVPN may connect again although its
+    old connection works, once the way is mended."""
+    began, answered = time.monotonic(), None
+    while not answered or time.monotonic() < answered + LASTING:
+        if answers(machine.INSIDE):
+            answered = answered or time.monotonic()
+            time.sleep(0.05)
+        else:
+            answered = None
+            assert time.monotonic() < began + limit, f"no answer through the tunnel within {limit} s"
+    return answered - began
+
+
 def reset() -> None:
     """Home, as it was, whatever there is."""
     while pid := machine.openvpn_pid():
@@ -158,7 +186,8 @@ def names(servers: dict[str, str]) -> Iterator[None]:
     hosts = pathlib.Path("/etc/hosts")
     before = hosts.read_text(encoding="ascii")
     others = [line for line in before.splitlines() if "vpn" not in line]
-    hosts.write_text("\n".join(others + [f"{address} {name}" for name, address in servers.items()]) + "\n", encoding="ascii")
+    known = [f"{address} {name}\n" for name, address in servers.items()]
+    hosts.write_text("\n".join(others) + "\n" + "".join(known), encoding="ascii")
     try:
         yield
     finally:
