@@ -20,10 +20,8 @@ signals:
     /// The login manager says that the machine has woken up.
     void woke();
 
-private slots:
-    void sleepChanged(bool begins);
-
 private:
+    Q_SLOT void sleepChanged(bool begins);
     void take();
     void tell();
 
