@@ -115,7 +115,10 @@ def check_gone(then: tuple[str, list[str]] | None = None) -> None:
     servers, ways = then or before()
     wait_for("OpenVPN's end", lambda: not openvpn_pid())
     wait_for("the tunnel's end", lambda: not tunnel_interfaces())
-    wait_for("the name servers of before", lambda: name_servers() == servers)
+    try:
+        wait_for("the name servers of before", lambda: name_servers() == servers, 10)
+    except Failure:
+        raise Failure(f"the name servers are not those of before:\n{name_servers()}\nbut were\n{servers}") from None
     try:
         wait_for("the routes of before", lambda: routes() == ways, 5)
     except Failure:
