@@ -12,6 +12,8 @@ QList<QByteArray> openvpnCommand(const HelperPaths &paths)
         // Before the file, because its connection blocks begin with what was said before them. A network that is back
         // should not wait for a long pause to end. The file may say neither.
         "--connect-retry", "1", "2", "--server-poll-timeout", "10", "--config", paths.configuration(),
+        // One try at a time: while it looks for a name beforehand it hears no signal, such as that of a click.
+        "--resolv-retry", "0",
         // Its routes keep everything inside the tunnel while it connects again.
         "--persist-tun",
         // From level 3 on OpenVPN logs its commands and the pushed options, and hides only those passwords and tokens
